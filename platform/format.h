@@ -1,0 +1,45 @@
+// The positional formatter: "%1".."%9" replaced by typed arguments.
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace Pelinor {
+
+class FormatArg {
+  public:
+    template <typename T>
+    requires std::is_integral_v<T> FormatArg(T v) : isNumber(true) {
+        if constexpr (std::is_signed_v<T>) {
+            number = static_cast<int64_t>(v);
+        } else {
+            unsignedNumber = static_cast<uint64_t>(v);
+            isUnsigned = true;
+        }
+    }
+    FormatArg(std::string_view s) : text(s) {}
+    FormatArg(const std::string& s) : text(s) {}
+    FormatArg(const char* s) : text(s ? s : "") {}
+
+    void AppendTo(std::string& out) const;
+
+  private:
+    std::string_view text;
+    int64_t number = 0;
+    uint64_t unsignedNumber = 0;
+    bool isNumber = false;
+    bool isUnsigned = false;
+};
+
+// Unknown or missing placeholders are copied as they stand; "%%" gives "%".
+std::string FormatPositional(std::string_view format, std::initializer_list<FormatArg> args);
+
+template <typename... Args>
+std::string Format(std::string_view format, const Args&... args) {
+    return FormatPositional(format, {FormatArg(args)...});
+}
+
+}  // namespace Pelinor

@@ -1,0 +1,182 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "platform/exceptions.h"
+#include "platform/files.h"
+#include "platform/http.h"
+#include "platform/server_socket.h"
+
+namespace Pelinor::System {
+
+namespace {
+
+// Report bodies arrive in small pieces; whole buffers keep the write calls few.
+constexpr size_t kStreamBufferSize = 64 * 1024;
+constexpr mode_t kFileMode = 0644;
+
+std::string DirectoryOf(const std::string& path) {
+    auto slash = path.rfind('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+}
+
+class FdStream : public OutputStream {
+  public:
+    explicit FdStream(int fd) : fd(fd), buffer(std::make_unique<char[]>(kStreamBufferSize)) {}
+    ~FdStream() override {
+        if (fd >= 0) ::close(fd);
+    }
+
+    void Write(const void* data, size_t size) override {
+        if (fd < 0) throw IOException("Write to a closed file");
+        auto bytes = static_cast<const char*>(data);
+        while (size > 0) {
+            if (used == 0 && size >= kStreamBufferSize) {
+                WriteAll(bytes, size);
+                return;
+            }
+            size_t take = std::min(size, kStreamBufferSize - used);
+            std::memcpy(buffer.get() + used, bytes, take);
+            used += take;
+            bytes += take;
+            size -= take;
+            if (used == kStreamBufferSize) Flush();
+        }
+    }
+
+    void Close() override {
+        if (fd < 0) return;
+        Flush();
+        int result = ::close(std::exchange(fd, -1));
+        if (result != 0 && errno != EINTR) throw IOException(std::strerror(errno));
+    }
+
+  private:
+    void Flush() {
+        WriteAll(buffer.get(), used);
+        used = 0;
+    }
+
+    void WriteAll(const char* data, size_t size) {
+        while (size > 0) {
+            ssize_t n = ::write(fd, data, size);
+            if (n < 0) {
+                if (errno == EINTR) continue;
+                throw IOException(std::strerror(errno));
+            }
+            data += n;
+            size -= static_cast<size_t>(n);
+        }
+    }
+
+    int fd;
+    std::unique_ptr<char[]> buffer;
+    size_t used = 0;
+};
+
+class PosixFile : public File {
+  public:
+    explicit PosixFile(std::string path) : path(std::move(path)) {}
+
+    const std::string& GetPath() const override { return path; }
+
+    bool Exists() const override {
+        struct stat st;
+        return ::lstat(path.c_str(), &st) == 0;
+    }
+
+    bool IsDirectory() const override {
+        struct stat st;
+        return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    }
+
+    bool IsSymlink() const override {
+        struct stat st;
+        return ::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+    }
+
+    std::vector<Ref<File>> ListFiles() const override {
+        std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(path.c_str()), ::closedir);
+        if (!dir) throw SystemError("Cannot list", path, errno);
+        std::string prefix = path.ends_with('/') ? path : path + "/";
+        std::vector<Ref<File>> entries;
+        errno = 0;
+        while (const dirent* entry = ::readdir(dir.get())) {
+            std::string_view name = entry->d_name;
+            if (name != "." && name != "..") {
+                entries.push_back(MakeRef<PosixFile>(prefix + entry->d_name));
+            }
+            errno = 0;
+        }
+        if (errno != 0) throw SystemError("Cannot list", path, errno);
+        return entries;
+    }
+
+    Ref<File> Rename(const std::string& target) override {
+        if (::rename(path.c_str(), target.c_str()) != 0) return {};
+        return MakeRef<PosixFile>(target);
+    }
+
+    bool CreateSymlink(const std::string& linkPath, int flags) const override {
+        std::string directory = DirectoryOf(linkPath);
+        std::string target = DirectoryOf(path) == directory ? GetName() : path;
+        if ((flags & kReplaceLink) == 0) return ::symlink(target.c_str(), linkPath.c_str()) == 0;
+
+        struct stat st;
+        if (::lstat(linkPath.c_str(), &st) == 0 && !S_ISLNK(st.st_mode)) {
+            errno = EEXIST;
+            return false;
+        }
+        // A new link under a hidden name, renamed over the old one: never a moment without it.
+        std::string temporary = directory + "." + linkPath.substr(directory.size()) + ".lnk";
+        ::unlink(temporary.c_str());
+        if (::symlink(target.c_str(), temporary.c_str()) != 0) return false;
+        if (::rename(temporary.c_str(), linkPath.c_str()) != 0) {
+            int error = errno;
+            ::unlink(temporary.c_str());
+            errno = error;
+            return false;
+        }
+        return true;
+    }
+
+  private:
+    const std::string path;
+};
+
+class PosixFactory : public SystemFactory {
+  public:
+    Ref<File> CreateFile(const std::string& path) override { return MakeRef<PosixFile>(path); }
+
+    Ref<OutputStream> OpenForWrite(const std::string& path, int) override {
+        // O_NOFOLLOW: a link planted under a temporary name is never written through.
+        int fd =
+            ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode);
+        if (fd < 0) throw IOException(std::strerror(errno));
+        return MakeRef<FdStream>(fd);
+    }
+
+    Ref<ServerSocket> CreateServerSocket() override { return MakePosixServerSocket(); }
+};
+
+}  // namespace
+
+std::string File::GetName() const {
+    const std::string& path = GetPath();
+    auto slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+SystemFactory& SystemFactory::Real() {
+    static PosixFactory factory;
+    return factory;
+}
+
+SystemFactory* SystemFactory::sInstance = &SystemFactory::Real();
+
+}  // namespace Pelinor::System
