@@ -1,0 +1,52 @@
+#include "report/report_write_job.h"
+
+#include "platform/exceptions.h"
+
+namespace Tessard {
+
+using Pelinor::Ref;
+using Pelinor::Http::ResponseCode;
+using Pelinor::Service::Log;
+using Pelinor::Service::LogLevel;
+
+void WriteReport(const Ref<Pelinor::Http::Request>& request,
+                 const Ref<Pelinor::Http::Response>& response, const Ref<ReportRoller>& roller,
+                 const Ref<Pelinor::Service::Logger>& logger) {
+    Ref<Pelinor::System::OutputStream> stream;
+    Ref<Pelinor::System::File> file;
+    if (!roller->CreateTempFile(stream, file)) {
+        Log(logger, LogLevel::Error, "Creation of report failed");
+        // Not sent here: the response goes out with this code once it is released.
+        response->SetResponseCode(ResponseCode::InternalServerError);
+        return;
+    }
+
+    ResponseCode code = ResponseCode::Ok;
+    int32_t byteCount = 0;
+    char buffer[kReadChunkSize];
+    for (;;) {
+        int64_t n = request->Read(buffer, sizeof buffer);
+        if (n == -1) {
+            Log(logger, LogLevel::Trivia, "Read end of HTTP body");
+            break;
+        }
+        byteCount += static_cast<int32_t>(n);
+        if (byteCount > kMaxReportSize) {
+            Log(logger, LogLevel::Error, "Report too large, truncating");
+            code = ResponseCode::RequestEntityTooLarge;
+            break;
+        }
+        stream->Write(buffer, static_cast<size_t>(n));
+    }
+    stream->Close();
+    roller->Rotate(file);
+
+    response->SetResponseCode(code);
+    try {
+        response->Send();
+    } catch (const Pelinor::IOException& e) {
+        Log(logger, LogLevel::Error, "Failed to write to response stream : %1", e.what());
+    }
+}
+
+}  // namespace Tessard
