@@ -1,0 +1,47 @@
+#include "http/endpoint.h"
+
+#include "http/tessard_handler.h"
+#include "platform/files.h"
+
+namespace Tessard {
+
+using Pelinor::Ref;
+using Pelinor::Service::Log;
+using Pelinor::Service::Logger;
+using Pelinor::Service::LogLevel;
+
+int32_t GetHttpPort(const Ref<Pelinor::Service::Config>& configuration, const Ref<Logger>& logger) {
+    int32_t port = kDefaultHttpPort;
+    if (!configuration->GetInt(kHttpPortKey, port)) {
+        Log(logger, LogLevel::Error, "httpPort not present. Assuming default: %1",
+            kDefaultHttpPort);
+    }
+    return port;
+}
+
+Endpoint::Endpoint() : logger(Logger::CreateLogger(Logger::sDefaultLogger, "tessardEndpoint")) {
+    Log(logger, LogLevel::Info, "Initialized the HTTP endpoint");
+}
+
+Endpoint::~Endpoint() {
+    if (httpService) httpService->Stop();
+}
+
+void Endpoint::Start(const Ref<Pelinor::Service::Config>& configuration,
+                     const std::string& reportDirectory) {
+    int32_t port = GetHttpPort(configuration, logger);
+    Log(logger, LogLevel::Trivia, "HTTP port: %1", port);
+
+    Ref<Pelinor::System::ServerSocket> socket =
+        Pelinor::System::SystemFactory::sInstance->CreateServerSocket();
+    socket->Listen(kListenHost, port);
+    Ref<Pelinor::Http::RequestHandler> handler = Pelinor::MakeRef<TessardHandler>(reportDirectory);
+
+    httpService = Pelinor::Http::CreateHttpSvc(
+        socket, logger, Pelinor::Http::GetDefaultResponseHeadersDefinitions());
+    httpService->SetRequestHandler(handler);
+    httpService->Start();
+    Log(logger, LogLevel::Info, "HTTP endpoint listening on port: %1", port);
+}
+
+}  // namespace Tessard

@@ -1,0 +1,34 @@
+// The daemon's HTTP front door on the loopback host name.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/config.h"
+#include "platform/http.h"
+
+namespace Tessard {
+
+constexpr const char* kHttpPortKey = "httpPort";
+constexpr int32_t kDefaultHttpPort = 9996;
+constexpr const char* kListenHost = "localhost";
+
+// The configured port, or the default (logged as an error through `logger`).
+int32_t GetHttpPort(const Pelinor::Ref<Pelinor::Service::Config>& configuration,
+                    const Pelinor::Ref<Pelinor::Service::Logger>& logger);
+
+class Endpoint : public Pelinor::ObjectImpl {
+  public:
+    Endpoint();
+    ~Endpoint() override;  // stops the HTTP service
+
+    // Listens, installs the upload handler and starts serving; throws on failure.
+    void Start(const Pelinor::Ref<Pelinor::Service::Config>& configuration,
+               const std::string& reportDirectory);
+
+  private:
+    Pelinor::Ref<Pelinor::Http::HttpService> httpService;
+    Pelinor::Ref<Pelinor::Service::Logger> logger;
+};
+
+}  // namespace Tessard

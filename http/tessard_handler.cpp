@@ -1,0 +1,95 @@
+#include "http/tessard_handler.h"
+
+#include <mutex>
+
+#include "platform/exceptions.h"
+#include "report/report_write_job.h"
+
+namespace Tessard {
+
+using Pelinor::Ref;
+using Pelinor::Http::ResponseCode;
+using Pelinor::Service::Log;
+using Pelinor::Service::Logger;
+using Pelinor::Service::LogLevel;
+
+namespace {
+constexpr const char* kLockName = "tessard-handler-excl-lock";
+constexpr uint32_t kLockRank = 0xff000000;
+constexpr const char* kContentType = "application/json";
+constexpr int32_t kMaxReports = 3;
+}  // namespace
+
+TessardHandler::TessardHandler(const std::string& reportDirectory)
+    : RequestHandlerMixin(Logger::sDefaultLogger),
+      exclusiveLock(Pelinor::ExclLock::Create(kLockName, kLockRank)),
+      logger(Logger::CreateLogger(Logger::sDefaultLogger, "TessardHandler")),
+      reportDirectory(reportDirectory) {
+    if (!exclusiveLock) Pelinor::Panic("Cannot create the lock %1", kLockName);
+    Log(logger, LogLevel::Info, "Tessard handler initialized");
+}
+
+TessardHandler::~TessardHandler() = default;
+
+void TessardHandler::HandlePost(const Ref<Pelinor::Http::Request>& request,
+                                const Ref<Pelinor::Http::Response>& response) {
+    std::string contentType;
+    request->GetContentType(contentType);
+    if (contentType != kContentType) {
+        Log(logger, LogLevel::Error, "Unsupported content type received %1", contentType);
+        response->Answer(ResponseCode::BadRequest);
+        return;
+    }
+    std::string url = request->GetUrl();
+    if (url.empty() || url == "/") {
+        Log(logger, LogLevel::Error, "URL does not contain report name");
+        response->Answer(ResponseCode::BadRequest);
+        return;
+    }
+    int64_t contentLength = 0;
+    if (!request->GetContentLength(contentLength)) {
+        Log(logger, LogLevel::Error, "Report length header required");
+        response->Answer(ResponseCode::LengthRequired);
+        return;
+    }
+    if (contentLength > kMaxReportSize) {
+        Log(logger, LogLevel::Error, "Report too large: %1", contentLength);
+        response->Answer(ResponseCode::RequestEntityTooLarge);
+        return;
+    }
+    Log(logger, LogLevel::Verbose, "Report Name: %1", url);
+    auto slash = url.rfind('/');
+    std::string reportName = slash == std::string::npos ? url : url.substr(slash + 1);
+    Log(logger, LogLevel::Info, "Report Path: %1", reportDirectory + reportName);
+
+    Ref<ReportRoller> roller;
+    Ref<Pelinor::System::WorkQueue> workQueue;
+    {
+        std::lock_guard guard(*exclusiveLock);
+        if (auto found = reportRegistry.find(reportName); found != reportRegistry.end()) {
+            roller = found->second.roller;
+            workQueue = found->second.workQueue;
+            Log(logger, LogLevel::Trivia,
+                "Retrieved report rotation and workqueue object for report name: %1", reportName);
+        } else {
+            try {
+                roller = Pelinor::MakeRef<ReportRoller>(reportDirectory, reportName, kMaxReports,
+                                                        logger);
+            } catch (const Pelinor::Exception& e) {
+                Log(logger, LogLevel::Error, "Error opening directory %1: %2", reportDirectory,
+                    e.what());
+                response->Answer(ResponseCode::InternalServerError);
+                return;
+            }
+            Pelinor::System::GetThreadPool().CreateWorkQueue(
+                {"work-queue-" + reportName, 16, "", 1, {}}, workQueue);
+            reportRegistry.emplace(reportName, ReportEntry{roller, workQueue});
+            Log(logger, LogLevel::Trivia,
+                "Created report rotation and workqueue object for report name: %1", reportName);
+        }
+    }
+    workQueue->Enqueue(ReportWriteJob{logger, Ref<Pelinor::ObjectImpl>(this), request, response,
+                                      std::move(roller)});
+}
+
+}  // namespace Tessard

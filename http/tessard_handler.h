@@ -1,0 +1,37 @@
+// The report upload handler: checks each POST and queues its report on the name's
+// own work queue.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+#include "platform/http.h"
+#include "platform/lock.h"
+#include "platform/thread_pool.h"
+#include "report/report_roller.h"
+
+namespace Tessard {
+
+class TessardHandler : public Pelinor::Http::RequestHandlerMixin {
+  public:
+    explicit TessardHandler(const std::string& reportDirectory);
+    ~TessardHandler() override;
+
+    void HandlePost(const Pelinor::Ref<Pelinor::Http::Request>& request,
+                    const Pelinor::Ref<Pelinor::Http::Response>& response) override;
+
+  private:
+    struct ReportEntry {
+        Pelinor::Ref<ReportRoller> roller;
+        Pelinor::Ref<Pelinor::System::WorkQueue> workQueue;
+    };
+
+    // Entries are added, never removed, for the handler's life.
+    std::unordered_map<std::string, ReportEntry> reportRegistry;
+    std::unique_ptr<Pelinor::ExclLock> exclusiveLock;  // guards reportRegistry
+    Pelinor::Ref<Pelinor::Service::Logger> logger;
+    const std::string reportDirectory;
+};
+
+}  // namespace Tessard
