@@ -1,0 +1,84 @@
+#include <gtest/gtest.h>
+
+#include "platform/config.h"
+#include "platform/exceptions.h"
+#include "platform/format.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using Pelinor::Format;
+using Pelinor::Service::Config;
+using Pelinor::Service::LogLevel;
+
+TEST(Format, PlaceholdersTakeTypedArgumentsInAnyOrder) {
+    EXPECT_EQ(Format("%1%2%3%4%5%6", "/d/", ".", "cpu", "-", 2, ".json"), "/d/.cpu-2.json");
+    EXPECT_EQ(Format("%2 before %1", "a", -7), "-7 before a");
+    EXPECT_EQ(Format("%1", uint64_t{18446744073709551615u}), "18446744073709551615");
+    // A placeholder without an argument, and "%%", stand as written.
+    EXPECT_EQ(Format("%1 %2 100%% %", "x"), "x %2 100% %");
+    // An argument's own "%1" is not expanded again.
+    EXPECT_EQ(Format("%1 %2", "%2", "b"), "%2 b");
+}
+
+TEST(Config, ReadsKeyPathsAndConvertsStrictly) {
+    TessardTest::LogCapture log;
+    auto config = Config::Parse(R"(<?xml version="1.0"?>
+        <config>
+          <!-- comment -->
+          <httpPort> 8080 </httpPort>
+          <neg>-12</neg><plus>+3</plus><big>2147483648</big><junk>12ab</junk><empty></empty>
+          <pluginOverrides><fast><timePeriodMin>7</timePeriodMin></fast>
+            <disk><enabled>YES</enabled></disk><mem><enabled>0</enabled></mem>
+            <load><enabled>maybe</enabled></load></pluginOverrides>
+        </config>)");
+    int32_t value = 42;
+    EXPECT_TRUE(config->GetInt("httpPort", value));
+    EXPECT_EQ(value, 8080);
+    EXPECT_TRUE(config->GetInt("neg", value));
+    EXPECT_EQ(value, -12);
+    EXPECT_TRUE(config->GetInt("plus", value));
+    EXPECT_EQ(value, 3);
+    EXPECT_TRUE(config->GetInt("pluginOverrides/fast/timePeriodMin", value));
+    EXPECT_EQ(value, 7);
+
+    value = 42;
+    EXPECT_FALSE(config->GetInt("big", value));  // beyond 32 bits
+    EXPECT_FALSE(config->GetInt("junk", value));
+    EXPECT_FALSE(config->GetInt("empty", value));
+    EXPECT_FALSE(config->GetInt("absent", value));
+    EXPECT_FALSE(config->GetInt("pluginOverrides/fast/absent", value));
+    EXPECT_EQ(value, 42) << "a failed read leaves its output alone";
+    EXPECT_TRUE(log.Has(LogLevel::Warning, "Configuration key junk has an invalid value: '12ab'"));
+    EXPECT_TRUE(
+        log.Has(LogLevel::Warning, "Configuration key big has an invalid value: '2147483648'"));
+
+    bool flag = false;
+    EXPECT_TRUE(config->GetBool("pluginOverrides/disk/enabled", flag));
+    EXPECT_TRUE(flag);
+    EXPECT_TRUE(config->GetBool("pluginOverrides/mem/enabled", flag));
+    EXPECT_FALSE(flag);
+    flag = true;
+    EXPECT_FALSE(config->GetBool("pluginOverrides/load/enabled", flag));
+    EXPECT_TRUE(flag);
+}
+
+TEST(Config, MissingFileIsEmptyButBadFilesThrow) {
+    TessardTest::TempDir dir;
+    TessardTest::LogCapture log;
+    auto empty = Config::Load(dir / "absent.xml");
+    int32_t port = 1;
+    EXPECT_FALSE(empty->GetInt("httpPort", port));
+    EXPECT_TRUE(log.Has(LogLevel::Warning, "Configuration file " + (dir / "absent.xml") +
+                                               " not found; using defaults"));
+
+    TessardTest::WriteFile(dir / "bad.xml", "<config><httpPort>1</config>");
+    EXPECT_THROW(Config::Load(dir / "bad.xml"), Pelinor::Exception);
+    TessardTest::WriteFile(dir / "other.xml", "<settings><httpPort>1</httpPort></settings>");
+    EXPECT_THROW(Config::Load(dir / "other.xml"), Pelinor::Exception);
+    TessardTest::WriteFile(dir / "good.xml", "<config><httpPort>1</httpPort></config>");
+    EXPECT_TRUE(Config::Load(dir / "good.xml")->GetInt("httpPort", port));
+}
+
+}  // namespace
