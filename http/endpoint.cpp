@@ -10,6 +10,8 @@ using Pelinor::Service::Log;
 using Pelinor::Service::Logger;
 using Pelinor::Service::LogLevel;
 
+const std::string localBaseUrl = std::string("http://") + kListenHost;
+
 int32_t GetHttpPort(const Ref<Pelinor::Service::Config>& configuration, const Ref<Logger>& logger) {
     int32_t port = kDefaultHttpPort;
     if (!configuration->GetInt(kHttpPortKey, port)) {

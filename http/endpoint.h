@@ -12,6 +12,8 @@ namespace Tessard {
 constexpr const char* kHttpPortKey = "httpPort";
 constexpr int32_t kDefaultHttpPort = 9996;
 constexpr const char* kListenHost = "localhost";
+// The daemon's own address as plugins are told it: scheme and host, no port.
+extern const std::string localBaseUrl;
 
 // The configured port, or the default (logged as an error through `logger`).
 int32_t GetHttpPort(const Pelinor::Ref<Pelinor::Service::Config>& configuration,

@@ -11,8 +11,9 @@ namespace Pelinor {
 
 class FormatArg {
   public:
+    FormatArg(bool v) : text(v ? "true" : "false") {}
     template <typename T>
-    requires std::is_integral_v<T> FormatArg(T v) : isNumber(true) {
+    requires(std::is_integral_v<T> && !std::is_same_v<T, bool>) FormatArg(T v) : isNumber(true) {
         if constexpr (std::is_signed_v<T>) {
             number = static_cast<int64_t>(v);
         } else {

@@ -1,0 +1,98 @@
+#include "plugins/plugin.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+
+#include "http/endpoint.h"
+#include "platform/app.h"
+#include "platform/c_helpers.h"
+
+namespace Tessard {
+
+using Pelinor::Service::Logger;
+
+uint64_t fastTimePeriodMin = 5;
+int32_t resourcePoolSizeMb = 40;
+const int32_t maxResourcePoolSizeMb = 500;
+
+namespace {
+
+constexpr const char* kGroupArgument = "++group=tessard-plugins,mem=";
+constexpr const char* kUrlOption = "-u";
+constexpr const char* kLogLevelOption = "loglevel";
+
+// Whether `text` begins with `name`, ignoring case.
+bool StartsWithIgnoringCase(const std::string& text, std::string_view name) {
+    return text.size() >= name.size() &&
+           std::equal(name.begin(), name.end(), text.begin(), [](char a, char b) {
+               return std::tolower(static_cast<unsigned char>(a)) ==
+                      std::tolower(static_cast<unsigned char>(b));
+           });
+}
+
+}  // namespace
+
+bool SetResourcePoolSize(int32_t sizeMb) {
+    if (resourcePoolSizeMb >= sizeMb || sizeMb > maxResourcePoolSizeMb) return false;
+    resourcePoolSizeMb = sizeMb;
+    return true;
+}
+
+void SetPath(PluginConfiguration& configuration, const std::string& relativePath) {
+    configuration.name = relativePath.substr(0, relativePath.rfind('.'));
+    configuration.completePath = Pelinor::System::RootedPath(kPluginBinDir) + relativePath;
+}
+
+void SetFrequency(PluginConfiguration& configuration, const std::string& text) {
+    configuration.frequency = kFastFrequency;
+    for (size_t i = 0; i < kFrequencyNames.size(); ++i) {
+        if (StartsWithIgnoringCase(text, kFrequencyNames[i])) {
+            configuration.frequency = static_cast<int32_t>(i);
+            return;
+        }
+    }
+}
+
+void SetLogLevel(PluginConfiguration& configuration, const std::string& text) {
+    for (std::string_view level : kLogLevelNames) {
+        if (StartsWithIgnoringCase(text, level)) configuration.logLevel = level;
+    }
+}
+
+Plugin::Plugin(const PluginConfiguration& configuration)
+    : enabled(configuration.enabled),
+      frequency(configuration.frequency),
+      logLevel(configuration.logLevel),
+      name(configuration.name),
+      completePath(configuration.completePath),
+      logger(Logger::CreateLogger(Logger::sDefaultLogger, "Plugin")) {
+    Pelinor::Ref<Pelinor::Service::Config> config;
+    Pelinor::Service::GetApp().GetConfig(config);
+    int32_t port = GetHttpPort(config, logger);
+    std::string url = localBaseUrl + ":" + std::to_string(port);
+
+    arguments.push_back(UtilSafeStrdup0(completePath.c_str()));
+    arguments.push_back(Str_SafeAsprintf("%s%d", kGroupArgument, resourcePoolSizeMb));
+    arguments.push_back(UtilSafeStrdup0(kUrlOption));
+    arguments.push_back(UtilSafeStrdup0(url.c_str()));
+    if (!logLevel.empty()) {
+        arguments.push_back(Str_SafeAsprintf("--%s=%s", kLogLevelOption, logLevel.c_str()));
+    }
+    arguments.push_back(nullptr);
+}
+
+Plugin::~Plugin() {
+    for (char* argument : arguments) std::free(argument);
+}
+
+std::string Plugin::GetCommandLine() const {
+    std::string line;
+    for (size_t i = 0; i + 1 < arguments.size(); ++i) {
+        line += arguments[i];
+        line += ' ';
+    }
+    return line;
+}
+
+}  // namespace Tessard

@@ -1,0 +1,67 @@
+// Plugin records: the description of one plugin while it is read, and the plugin
+// built from it with the command line it is started with.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/logging.h"
+
+namespace Tessard {
+
+constexpr const char* kPluginConfigDir = "/usr/lib/tolmar/tessard/plugins/config/";
+constexpr const char* kPluginBinDir = "/usr/lib/tolmar/tessard/plugins/bin/";
+constexpr std::array<std::string_view, 3> kFrequencyNames = {"fast", "medium", "slow"};
+constexpr std::array<std::string_view, 5> kLogLevelNames = {"debug", "info", "warning", "error",
+                                                            "critical"};
+constexpr int32_t kFastFrequency = 0;
+
+// Process-wide plugin settings, fixed while the launcher is built.
+extern uint64_t fastTimePeriodMin;  // minutes
+extern int32_t resourcePoolSizeMb;  // MB
+extern const int32_t maxResourcePoolSizeMb;
+
+// Takes a larger pool size, up to the maximum; false when refused.
+bool SetResourcePoolSize(int32_t sizeMb);
+
+struct PluginConfiguration {
+    bool enabled = true;
+    int32_t frequency = kFastFrequency;  // index into kFrequencyNames
+    std::string logLevel;                // one of kLogLevelNames, or empty
+    std::string name;                    // relative path up to its last "."
+    std::string completePath;            // plugin binary directory + relative path
+};
+
+void SetPath(PluginConfiguration& configuration, const std::string& relativePath);
+// Case-insensitive prefix match against kFrequencyNames; anything else means fast.
+void SetFrequency(PluginConfiguration& configuration, const std::string& text);
+// Case-insensitive prefix match against kLogLevelNames; anything else changes nothing.
+void SetLogLevel(PluginConfiguration& configuration, const std::string& text);
+
+class Plugin {
+  public:
+    explicit Plugin(const PluginConfiguration& configuration);
+    ~Plugin();
+    Plugin(const Plugin&) = delete;
+    Plugin& operator=(const Plugin&) = delete;
+
+    // The null-terminated argument vector; entry 0 is the binary's path.
+    char* const* GetArguments() const { return arguments.data(); }
+    // Every argument followed by one blank, for log lines.
+    std::string GetCommandLine() const;
+
+    const bool enabled;
+    const int32_t frequency;
+    const std::string logLevel;
+    const std::string name;
+    const std::string completePath;
+
+  private:
+    std::vector<char*> arguments;  // heap C strings owned here, released with free()
+    Pelinor::Ref<Pelinor::Service::Logger> logger;
+};
+
+}  // namespace Tessard

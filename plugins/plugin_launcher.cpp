@@ -1,0 +1,103 @@
+// Scheduling: every batch of a category on its own timer, re-armed after each run.
+#include "plugins/plugin_launcher.h"
+
+#include "platform/app.h"
+
+namespace Tessard {
+
+using Pelinor::Service::Log;
+using Pelinor::Service::Logger;
+using Pelinor::Service::LogLevel;
+
+namespace {
+constexpr uint64_t kFastBatchSize = 1;
+constexpr uint64_t kFastDelay = 30;  // initial delay and throttle timeout, seconds
+constexpr uint64_t kSlowBatchSize = 2;
+constexpr uint64_t kSlowPeriod = 300;
+constexpr uint64_t kSlowDelay = 60;
+constexpr int64_t kMicrosecondsPerSecond = 1'000'000;
+}  // namespace
+
+std::shared_ptr<PluginLauncher> PluginLauncher::GetInstance() {
+    static std::shared_ptr<PluginLauncher> instance = std::make_shared<PluginLauncher>();
+    return instance;
+}
+
+PluginLauncher::~PluginLauncher() {
+    if (fastCategory) KillPlugins(fastCategory->trackedPids);
+    if (slowCategory) KillPlugins(slowCategory->trackedPids);
+}
+
+void PluginLauncher::Init() {
+    logger = Logger::CreateLogger(Logger::sDefaultLogger, "PluginLauncher");
+    ReadLauncherOverrides();
+    fastCategory = std::make_unique<PluginCategory>(
+        PluginCategory{kFastBatchSize, fastTimePeriodMin * 60, kFastDelay, kFastDelay, {}, {}, {}});
+    slowCategory = std::make_unique<PluginCategory>(
+        PluginCategory{kSlowBatchSize, kSlowPeriod, kSlowDelay, kSlowDelay, {}, {}, {}});
+    LoadPluginConfigurations();
+
+    // A whole cycle of fast batches must fit in one fast period.
+    uint64_t fastPlugins = fastCategory->plugins.size();
+    uint64_t minPeriod = fastPlugins * fastCategory->throttleTimeout;
+    Log(logger, LogLevel::Info, "Number of fast plugins: %1, Throttle timeout: %2, Min period: %3",
+        fastPlugins, fastCategory->throttleTimeout, minPeriod);
+    if (minPeriod > fastTimePeriodMin * 60) {
+        fastCategory->period = minPeriod;
+        Log(logger, LogLevel::Info, "Updated the period of the fast plugin queue to %1", minPeriod);
+    }
+
+    Log(logger, LogLevel::Info, "About to schedule fast plugins");
+    ScheduleLaunches(fastCategory);
+    Log(logger, LogLevel::Info, "About to schedule slow plugins");
+    ScheduleLaunches(slowCategory);
+}
+
+void PluginLauncher::Schedule(std::unique_ptr<PluginCategory>& category, unsigned long batchIndex,
+                              unsigned long firstPlugin, uint64_t delaySeconds,
+                              Pelinor::Ref<Pelinor::System::ScheduledItem>& item) {
+    // The strong reference keeps the launcher alive while the callback is pending.
+    auto callback = [launcher = this, self = shared_from_this(), &category, batchIndex,
+                     firstPlugin](Pelinor::System::ScheduledItem*) {
+        launcher->ScheduleEachBatch(batchIndex, firstPlugin, category);
+    };
+    Pelinor::Service::GetApp().GetScheduler().Schedule(
+        callback, static_cast<int64_t>(delaySeconds) * kMicrosecondsPerSecond, item);
+}
+
+void PluginLauncher::ScheduleLaunches(std::unique_ptr<PluginCategory>& category) {
+    if (category->plugins.empty()) return;
+    unsigned long batchIndex = 0;
+    for (unsigned long first = 0; first < category->plugins.size();
+         first += category->batchSize, ++batchIndex) {
+        category->scheduledItems.emplace_back();
+        Pelinor::Ref<Pelinor::System::ScheduledItem> item;  // released at once
+        Schedule(category, batchIndex, first,
+                 category->throttleTimeout * batchIndex + category->initialDelay, item);
+        Log(logger, LogLevel::Info, "Plugin %1 scheduled", batchIndex);
+        if (category->batchSize == 0) break;
+    }
+}
+
+void PluginLauncher::ScheduleEachBatch(unsigned long batchIndex, unsigned long firstPlugin,
+                                       std::unique_ptr<PluginCategory>& category) {
+    category->scheduledItems[batchIndex].Reset();
+    KillPlugins(category->trackedPids);
+
+    if (category->batchSize != 0) {
+        const auto& plugins = category->plugins;
+        uint64_t k = 0;
+        for (; k < category->batchSize && firstPlugin + k < plugins.size(); ++k) {
+            std::shared_ptr<Plugin> plugin = plugins[firstPlugin + k];
+            Log(logger, LogLevel::Trivia, "About to launch plugin %1 in the batch", plugin->name);
+            LaunchPlugin(plugin, category->trackedPids);
+        }
+        if (k < category->batchSize) Log(logger, LogLevel::Trivia, "Reached end of plugin list");
+    }
+
+    Schedule(category, batchIndex, firstPlugin, category->period,
+             category->scheduledItems[batchIndex]);
+    Log(logger, LogLevel::Trivia, "Scheduled the next iteration");
+}
+
+}  // namespace Tessard

@@ -1,0 +1,67 @@
+// Runs the health-check plugins: fast and slow categories cut into batches, each
+// batch on its own timer stopping what its category ran before and launching its own
+// plugins inside the resource pool.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/logging.h"
+#include "platform/scheduler.h"
+#include "plugins/plugin.h"
+
+namespace Tessard {
+
+class PluginLauncher : public std::enable_shared_from_this<PluginLauncher> {
+  public:
+    struct PluginCategory {
+        uint64_t batchSize;
+        uint64_t period;           // seconds
+        uint64_t initialDelay;     // seconds
+        uint64_t throttleTimeout;  // seconds
+        std::vector<std::shared_ptr<Plugin>> plugins;
+        std::vector<Pelinor::Ref<Pelinor::System::ScheduledItem>> scheduledItems;  // per batch
+        std::vector<int32_t> trackedPids;
+    };
+
+    static std::shared_ptr<PluginLauncher> GetInstance();
+    PluginLauncher() = default;
+    ~PluginLauncher();
+
+    // Reads overrides and descriptions, fixes the fast period and schedules every batch.
+    void Init();
+
+    // Read by tests; set up by Init.
+    const std::unique_ptr<PluginCategory>& FastCategory() const { return fastCategory; }
+    const std::unique_ptr<PluginCategory>& SlowCategory() const { return slowCategory; }
+
+    // Descriptions and overrides.
+    void ReadLauncherOverrides();
+    void LoadPluginConfigurations();
+    bool ReadPluginConfiguration(const std::string& path, PluginConfiguration& configuration);
+    void ApplyPluginOverrides(PluginConfiguration& configuration);
+
+    // Launching and stopping.
+    void LaunchPlugin(const std::shared_ptr<Plugin>& plugin, std::vector<int32_t>& trackedPids);
+    void KillPlugins(std::vector<int32_t>& trackedPids);
+
+    // Resource pool.
+    bool ResourcePoolPrechecks();
+    bool PrintGroupStats();
+
+  private:
+    void ScheduleLaunches(std::unique_ptr<PluginCategory>& category);
+    void ScheduleEachBatch(unsigned long batchIndex, unsigned long firstPlugin,
+                           std::unique_ptr<PluginCategory>& category);
+    void Schedule(std::unique_ptr<PluginCategory>& category, unsigned long batchIndex,
+                  unsigned long firstPlugin, uint64_t delaySeconds,
+                  Pelinor::Ref<Pelinor::System::ScheduledItem>& item);
+
+    Pelinor::Ref<Pelinor::Service::Logger> logger;
+    std::unique_ptr<PluginCategory> fastCategory;
+    std::unique_ptr<PluginCategory> slowCategory;
+};
+
+}  // namespace Tessard
