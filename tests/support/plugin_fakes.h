@@ -1,0 +1,111 @@
+// Test doubles for the plugin launcher's platform seams: a scheduler driven by a
+// manual clock, a scripted kernel interface and a process launcher without processes.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/ktab.h"
+#include "platform/process.h"
+#include "platform/scheduler.h"
+
+namespace TessardTest {
+
+class ManualScheduler : public Pelinor::System::Scheduler {
+  public:
+    ManualScheduler();
+    ~ManualScheduler() override;
+
+    void Schedule(const Pelinor::System::ScheduledCallback& callback, int64_t delayUs,
+                  Pelinor::Ref<Pelinor::System::ScheduledItem>& item) override;
+    // Runs every callback due up to `seconds` (absolute), in time order.
+    void RunUntil(double seconds);
+    double Now() const { return static_cast<double>(nowUs) / 1e6; }
+    size_t Pending() const;
+
+  private:
+    int64_t nowUs = 0;
+    uint64_t sequence = 0;
+    std::multimap<std::pair<int64_t, uint64_t>, Pelinor::Ref<Pelinor::System::ScheduledItem>> queue;
+    Pelinor::System::Scheduler* previous;
+};
+
+class FakeKtab : public Pelinor::Ktab::Interface {
+  public:
+    FakeKtab();
+    ~FakeKtab() override;
+
+    // What the fake kernel answers.
+    bool signatureMatches = true;
+    Pelinor::Ktab::Status lookupStatus = 0;  // of the group path lookup
+    uint64_t groupId = 42;
+    Pelinor::Ktab::Status childrenStatus = 0;
+    uint32_t childCount = 0;
+    Pelinor::Ktab::Status statsStatus = 0;
+    Pelinor::Ktab::Status addIntStatus = 0;
+    uint64_t peakKb = 0;
+    uint64_t childrenPeakKb = 0;
+    int failCreateAt = -1;  // the n-th ParamListCreate (from 0) returns nullptr
+
+    // What the daemon asked.
+    int lookups = 0;
+    int creates = 0;
+    int destroys = 0;  // non-null lists destroyed
+    size_t Outstanding() const { return lists.size(); }
+
+    int CheckSig(char* buildDate, size_t size, const char** myBuildDate) override;
+    Pelinor::Ktab::ParamList* ParamListCreate(int kind, int count) override;
+    Pelinor::Ktab::Status ParamListAddString(Pelinor::Ktab::ParamList* list,
+                                             const char* text) override;
+    Pelinor::Ktab::Status ParamListAddInt(Pelinor::Ktab::ParamList* list, uint64_t value) override;
+    uint32_t ParamListNumInstances(const Pelinor::Ktab::ParamList* list) override;
+    void ParamListDestroy(Pelinor::Ktab::ParamList* list) override;
+    Pelinor::Ktab::Status Set(Pelinor::Ktab::Node node, Pelinor::Ktab::ParamList* instances,
+                              Pelinor::Ktab::ParamList* params, void* out, size_t outSize) override;
+    Pelinor::Ktab::Status GetInstanceListAlloc(Pelinor::Ktab::Node node,
+                                               Pelinor::Ktab::ParamList* params,
+                                               Pelinor::Ktab::ParamList** out) override;
+    Pelinor::Ktab::Status Get(Pelinor::Ktab::Node node, Pelinor::Ktab::ParamList* params, void* out,
+                              size_t outSize) override;
+
+  private:
+    std::map<Pelinor::Ktab::ParamList*, std::vector<uint64_t>> lists;  // the ints added
+    int nextList = 1;
+    Pelinor::Ktab::Interface* previous;
+};
+
+class FakeProcessLauncher : public Pelinor::System::ProcessLauncher {
+  public:
+    FakeProcessLauncher();
+    ~FakeProcessLauncher() override;
+
+    int launchError = 0;      // returned by Launch
+    bool exitAtOnce = false;  // launched processes are gone before the probe
+    int terminateError = 0;   // returned when SIGTERM is sent
+    int probeError = 0;       // returned by probes of live processes, when non-zero
+
+    struct Launch {
+        int32_t pid;
+        std::vector<std::string> argv;
+        double at;  // scheduler time, when a ManualScheduler is given
+    };
+    std::vector<Launch> launches;
+    std::vector<std::pair<int32_t, double>> terminated;  // pid, time
+    std::set<int32_t> alive;
+    std::set<int32_t> forgotten;
+    const ManualScheduler* clock = nullptr;
+
+    int Launch(const char* path, char* const argv[], int32_t& pid) override;
+    int Signal(int32_t pid, int signal) override;
+    void Forget(int32_t pid) override;
+
+  private:
+    int32_t nextPid = 1000;
+    Pelinor::System::ProcessLauncher* previous;
+};
+
+}  // namespace TessardTest
