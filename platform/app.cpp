@@ -64,6 +64,8 @@ void InitApp(const std::string& configPath) {
     if (int error = pthread_sigmask(SIG_BLOCK, &stop, nullptr); error != 0) {
         throw SystemError("Cannot block the stop signals of", RegisteredInfo().name, error);
     }
+    // Validates $TESSARD_TIME_SCALE before anything is scheduled.
+    System::Scheduler::Real();
     App& app = GetApp();
     app.config = Config::Load(configPath);
     app.logger = Logger::CreateLogger(Logger::sDefaultLogger, RegisteredInfo().name);

@@ -7,6 +7,7 @@
 
 #include "platform/config.h"
 #include "platform/logging.h"
+#include "platform/scheduler.h"
 
 namespace Pelinor::Service {
 
@@ -26,6 +27,7 @@ class App {
   public:
     Ref<Logger> GetLogger() const { return logger; }
     void GetConfig(Ref<Config>& out) const { out = config; }
+    System::Scheduler& GetScheduler() const { return *System::Scheduler::sInstance; }
     // Blocks until SIGTERM or SIGINT; tells a supervising systemd when ready and when stopping.
     void Run();
 
