@@ -1,0 +1,142 @@
+// Start-up, configuration and stopping of the daemon binary.
+#include <algorithm>
+#include <ctime>
+#include <filesystem>
+
+#include "tests/support/daemon_process.h"
+
+namespace TessardTest {
+namespace {
+
+constexpr uint16_t kDefaultPort = 9996;
+
+bool SomethingListensOn(uint16_t port) {
+    try {
+        RawHttpConnection probe(port);
+        return true;
+    } catch (const std::runtime_error&) {
+        return false;
+    }
+}
+
+// Seconds between a log time stamp, read as UTC, and now.
+long SecondsFromNow(const std::string& stamp) {
+    std::tm tm{};
+    if (strptime(stamp.c_str(), "%Y-%m-%dT%H:%M:%S", &tm) == nullptr) return 1L << 30;
+    return static_cast<long>(timegm(&tm) - std::time(nullptr));
+}
+
+testing::AssertionResult InOrder(const std::vector<LogEntry>& entries,
+                                 const std::vector<LogEntry>& expected) {
+    auto at = entries.begin();
+    for (const auto& want : expected) {
+        at = std::find_if(at, entries.end(), [&](const LogEntry& e) {
+            return e.level == want.level && e.logger == want.logger && e.message == want.message;
+        });
+        if (at == entries.end())
+            return testing::AssertionFailure() << "missing or out of order: " << want.level << " "
+                                               << want.logger << ": " << want.message;
+    }
+    return testing::AssertionSuccess();
+}
+
+TEST(Lifecycle, LogsStartUpInOrderServesAndStopsOnSignals) {
+    // A zone far from UTC shows whether stamps are local time.
+    DaemonOptions options;
+    options.env = {"TZ=XYZ-5:45"};
+    DaemonProcess daemon(options);
+    ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
+    const std::string port = std::to_string(daemon.Port());
+    auto entries = daemon.LogEntries();
+    EXPECT_TRUE(InOrder(
+        entries, {{"", "verbose", kMainLogger, "Report directory is " + daemon.ReportDir() + "/"},
+                  {"", "info", kEndpointLogger, "Initialized the HTTP endpoint"},
+                  {"", "trivia", kEndpointLogger, "HTTP port: " + port},
+                  {"", "info", kHandlerLogger, "Tessard handler initialized"},
+                  {"", "info", kEndpointLogger, "HTTP endpoint listening on port: " + port}}))
+        << daemon.Logs();
+    for (const auto& e : entries) {
+        EXPECT_NE("error", e.level) << e.message;
+        EXPECT_NE("warning", e.level) << e.message;
+        EXPECT_LT(std::labs(SecondsFromNow(e.time)), 600) << "not UTC: " << e.time;
+    }
+    EXPECT_EQ(200, PostStatus(daemon.Port(), "/report/up", "{}"));
+    EXPECT_EQ(0, daemon.Terminate(SIGTERM)) << daemon.Logs();
+
+    ASSERT_TRUE(daemon.Restart()) << daemon.Logs();
+    EXPECT_EQ(200, PostStatus(daemon.Port(), "/report/up", "{}"));
+    EXPECT_EQ(0, daemon.Terminate(SIGINT)) << daemon.Logs();
+    EXPECT_EQ("up-1.json", ReadLink(daemon.ReportDir() + "/up.json"));
+}
+
+TEST(Lifecycle, UnknownOptionPrintsOnlyGetoptDiagnostic) {
+    DaemonOptions options;
+    options.args = {"-x"};
+    options.waitReady = false;
+    DaemonProcess daemon(options);
+    EXPECT_EQ(1, daemon.WaitExit(std::chrono::seconds(20)));
+    EXPECT_EQ(daemon.Binary() + ": invalid option -- 'x'\n", daemon.Logs());
+}
+
+TEST(Lifecycle, MalformedConfigFailsInitialization) {
+    DaemonOptions options;
+    options.configXml = "<config><httpPort>1</config";
+    options.waitReady = false;
+    DaemonProcess daemon(options);
+    EXPECT_EQ(1, daemon.WaitExit(std::chrono::seconds(20)));
+    EXPECT_EQ(0u, daemon.Logs().find("Initializing Pelinor failed: ")) << daemon.Logs();
+}
+
+TEST(Lifecycle, PortInUseExitsAndLeavesFirstDaemonServing) {
+    DaemonProcess first;
+    ASSERT_TRUE(first.Ready()) << first.Logs();
+    DaemonOptions options;
+    options.port = first.Port();
+    options.waitReady = false;
+    DaemonProcess second(options);
+    EXPECT_EQ(1, second.WaitExit(std::chrono::seconds(20)));
+    auto entries = second.LogEntries();
+    EXPECT_TRUE(std::any_of(entries.begin(), entries.end(), [](const LogEntry& e) {
+        return e.level == "error" && e.logger == kMainLogger &&
+               e.message.starts_with("Exiting due to exception: ") &&
+               e.message.size() > sizeof("Exiting due to exception: ");
+    })) << second.Logs();
+    EXPECT_EQ(std::string::npos, second.Logs().find("listening")) << second.Logs();
+    EXPECT_EQ(200, PostStatus(first.Port(), "/report/still", "{}"));
+    EXPECT_EQ(0, first.Terminate());
+}
+
+TEST(Lifecycle, MissingPortOrConfigFallsBackToDefaultPort) {
+    if (SomethingListensOn(kDefaultPort)) GTEST_SKIP() << "port 9996 is taken on this host";
+    TempDir reports;
+    DaemonOptions options;
+    options.port = kDefaultPort;
+    options.configXml = "<config><log><level>trivia</level></log></config>";
+    options.args = {"-r", reports.Path() + "/"};
+    DaemonProcess daemon(options);
+    ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
+    EXPECT_TRUE(
+        daemon.HasLine("verbose", kMainLogger, "Report directory is " + reports.Path() + "/"));
+    EXPECT_TRUE(
+        daemon.HasLine("error", kEndpointLogger, "httpPort not present. Assuming default: 9996"));
+    EXPECT_TRUE(daemon.HasLine("trivia", kEndpointLogger, "HTTP port: 9996"));
+    EXPECT_EQ(200, PostStatus(kDefaultPort, "/report/dflt", "{}"));
+    EXPECT_EQ("{}", ReadFile(reports / "dflt-0.json"));
+    EXPECT_EQ(0, daemon.Terminate());
+
+    // Without any file the configuration is empty: a warning, then the same default.
+    std::filesystem::remove(daemon.ConfigPath());
+    ASSERT_TRUE(daemon.Restart()) << daemon.Logs();
+    auto entries = daemon.LogEntries();
+    EXPECT_TRUE(std::any_of(entries.begin(), entries.end(), [](const LogEntry& e) {
+        return e.level == "warning";
+    })) << daemon.Logs();
+    EXPECT_TRUE(
+        daemon.HasLine("error", kEndpointLogger, "httpPort not present. Assuming default: 9996"));
+    EXPECT_TRUE(daemon.HasLine("info", kEndpointLogger, "HTTP endpoint listening on port: 9996"));
+    EXPECT_EQ(200, PostStatus(kDefaultPort, "/report/dflt", "{}"));
+    EXPECT_EQ(0, daemon.Terminate());
+}
+
+}  // namespace
+}  // namespace TessardTest
