@@ -5,6 +5,7 @@
 
 #include "http/endpoint.h"
 #include "platform/app.h"
+#include "plugins/plugin_launcher.h"
 
 namespace {
 
@@ -54,8 +55,8 @@ int main(int argc, char** argv) {
         auto endpoint = Pelinor::MakeRef<Tessard::Endpoint>();
         endpoint->Start(configuration, reportDirectory);
 
-        // The plugin launcher starts here, once the endpoint serves:
-        // Tessard::PluginLauncher::GetInstance()->Init();
+        // Plugins are scheduled only once the endpoint they report to is serving.
+        Tessard::PluginLauncher::GetInstance()->Init();
 
         app.Run();
         endpoint.Reset();  // stops the HTTP service
