@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <regex>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 #include <thread>
@@ -27,9 +29,14 @@ int DecodeStatus(int status) {
     return -1;
 }
 
-bool IsLevel(std::string_view level) {
-    return level == "error" || level == "warning" || level == "info" || level == "verbose" ||
-           level == "trivia";
+// Polls until `done` holds or the time is up; says which.
+bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (done()) return true;
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(kPoll);
+    }
 }
 
 std::string_view EnvName(std::string_view entry) {
@@ -39,29 +46,14 @@ std::string_view EnvName(std::string_view entry) {
 }  // namespace
 
 std::vector<LogEntry> ParseLog(const std::string& text) {
+    static const std::regex kLine(
+        R"((\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z) (error|warning|info|verbose|trivia) (\S+):(?: (.*))?)");
     std::vector<LogEntry> entries;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        std::string_view line(text.data() + start, end - start);
-        start = end + 1;
-        size_t a = line.find(' ');
-        if (a == std::string_view::npos) continue;
-        size_t b = line.find(' ', a + 1);
-        if (b == std::string_view::npos) continue;
-        size_t c = line.find(": ", b + 1);
-        if (c == std::string_view::npos && line.ends_with(':')) c = line.size() - 1;
-        if (c == std::string_view::npos) continue;
-        std::string_view time = line.substr(0, a);
-        std::string_view level = line.substr(a + 1, b - a - 1);
-        std::string_view logger = line.substr(b + 1, c - b - 1);
-        if (time.size() != 24 || time[10] != 'T' || time.back() != 'Z' || !IsLevel(level) ||
-            logger.empty() || logger.find(' ') != std::string_view::npos)
-            continue;
-        std::string_view message = c + 2 <= line.size() ? line.substr(c + 2) : std::string_view();
-        entries.push_back(
-            {std::string(time), std::string(level), std::string(logger), std::string(message)});
+    std::istringstream lines(text);
+    std::smatch match;
+    for (std::string line; std::getline(lines, line);) {
+        if (std::regex_match(line, match, kLine))
+            entries.push_back({match[1], match[2], match[3], match[4]});
     }
     return entries;
 }
@@ -178,16 +170,13 @@ void DaemonProcess::Start() {
     if (!options.waitReady) return;
 
     // Generous: sanitizer builds start slowly.
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (std::chrono::steady_clock::now() < deadline) {
-        bool alive = Running();
-        if (Logs().find(kListening) != std::string::npos) {
-            ready = true;
-            return;
-        }
-        if (!alive) return;
-        std::this_thread::sleep_for(kPoll);
-    }
+    Eventually(
+        [&] {
+            bool alive = Running();
+            ready = Logs().find(kListening) != std::string::npos;
+            return ready || !alive;
+        },
+        std::chrono::seconds(30));
 }
 
 bool DaemonProcess::Running() {
@@ -209,12 +198,7 @@ std::string DaemonProcess::Logs() const {
 
 bool DaemonProcess::WaitForLog(const std::string& substring,
                                std::chrono::milliseconds timeout) const {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        if (Logs().find(substring) != std::string::npos) return true;
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(kPoll);
-    }
+    return Eventually([&] { return Logs().find(substring) != std::string::npos; }, timeout);
 }
 
 int DaemonProcess::CountLines(const std::string& level, const std::string& logger,
@@ -228,12 +212,8 @@ int DaemonProcess::CountLines(const std::string& level, const std::string& logge
 testing::AssertionResult DaemonProcess::HasLine(const std::string& level, const std::string& logger,
                                                 const std::string& message,
                                                 std::chrono::milliseconds timeout) const {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        if (CountLines(level, logger, message) > 0) return testing::AssertionSuccess();
-        if (std::chrono::steady_clock::now() >= deadline) break;
-        std::this_thread::sleep_for(kPoll);
-    }
+    if (Eventually([&] { return CountLines(level, logger, message) > 0; }, timeout))
+        return testing::AssertionSuccess();
     std::string logs = Logs();
     if (logs.size() > 6000) logs = "..." + logs.substr(logs.size() - 6000);
     return testing::AssertionFailure()
@@ -242,11 +222,7 @@ testing::AssertionResult DaemonProcess::HasLine(const std::string& level, const 
 }
 
 std::optional<int> DaemonProcess::WaitExit(std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (Running()) {
-        if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-        std::this_thread::sleep_for(kPoll);
-    }
+    if (!Eventually([&] { return !Running(); }, timeout)) return std::nullopt;
     return exitCode;
 }
 
