@@ -45,8 +45,10 @@ class TestCgroup {
             return;
         }
         if (withPool) {
-            std::string command = std::string("bash ") + TESSARD_POOL_SCRIPT + " create --root " +
-                                  root + " --cap-mb 256 >/dev/null";
+            // The script's record of what it made stays with the test.
+            std::string command = "TESSARD_POOL_STATE_DIR=" + state.Path() + " bash " +
+                                  TESSARD_POOL_SCRIPT + " create --root " + root +
+                                  " --cap-mb 256 >/dev/null";
             EXPECT_EQ(std::system(command.c_str()), 0) << command;
         }
     }
@@ -74,6 +76,7 @@ class TestCgroup {
         ::rmdir(root.c_str());
     }
 
+    TessardTest::TempDir state;
     std::string root;
     std::string skipReason;
 };
