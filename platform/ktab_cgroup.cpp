@@ -52,8 +52,9 @@ bool ToRelativePath(const std::string& text, std::string& relative) {
     return true;
 }
 
-void PutLittleEndian(uint8_t* out, uint64_t value) {
-    for (int i = 0; i < 8; ++i) out[i] = static_cast<uint8_t>(value >> (8 * i));
+// Fields are in host order: the reader copies them straight out of the record.
+void PutUint64(uint8_t* out, uint64_t value) {
+    std::memcpy(out, &value, sizeof value);
 }
 
 struct Group {
@@ -191,8 +192,8 @@ class CgroupKtab : public Interface {
             }
             auto* record = static_cast<uint8_t*>(out);
             std::memset(record, 0, kMemoryStatsSize);
-            PutLittleEndian(record + kPeakReservationOffset, peakBytes / 1024);
-            PutLittleEndian(record + kChildrenPeakReservationOffset, childrenKb);
+            PutUint64(record + kPeakReservationOffset, peakBytes / 1024);
+            PutUint64(record + kChildrenPeakReservationOffset, childrenKb);
             return 0;
         } catch (const std::bad_alloc&) {
             return kOutOfMemory;

@@ -31,7 +31,8 @@ class Scheduler {
     // integer, default 1); an invalid value makes the first call throw.
     static Scheduler& Real();
     // A scheduler with a thread of its own, dividing every delay by `timeScale` (>= 1);
-    // destroying it drops the callbacks still pending.
+    // destroying it runs none of the callbacks still pending (their captures live as long
+    // as the caller keeps their item).
     static std::unique_ptr<Scheduler> Create(int64_t timeScale);
 };
 
