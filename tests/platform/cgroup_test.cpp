@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -221,9 +222,9 @@ TEST_F(Cgroup, LauncherRefusesBadRequestsAndKeepsOnlyGroupsInUse) {
     };
     EXPECT_EQ(stats(sizeof record - 1), kInvalid);
     ASSERT_EQ(stats(sizeof record), 0u);
-    auto kb = [&](size_t at) {  // little-endian
+    auto kb = [&](size_t at) {
         uint64_t value = 0;
-        for (int i = 7; i >= 0; --i) value = value << 8 | record[at + i];
+        std::memcpy(&value, record + at, sizeof value);
         return value;
     };
     EXPECT_GT(kb(Ktab::kChildrenPeakReservationOffset), 0u);
