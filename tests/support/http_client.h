@@ -12,23 +12,21 @@ namespace TessardTest {
 
 struct HttpReply {
     int status = 0;
-    std::string reason;
     std::map<std::string, std::string> headers;  // names lower-cased
-    std::string body;
 };
 
 class RawHttpConnection {
   public:
     // Connects to 127.0.0.1:port; throws std::runtime_error on failure.
     explicit RawHttpConnection(uint16_t port);
-    ~RawHttpConnection();
+    ~RawHttpConnection() { Close(); }
     RawHttpConnection(const RawHttpConnection&) = delete;
     RawHttpConnection& operator=(const RawHttpConnection&) = delete;
 
     // Sends every byte; false if the peer has closed or reset the connection.
     bool Send(const std::string& bytes);
-    // Reads one response (status line, headers, Content-Length body). Empty when the
-    // connection closes or nothing complete arrives within `timeout`.
+    // Reads one response, skipping its Content-Length body. Empty when the connection
+    // closes or nothing complete arrives within `timeout`.
     std::optional<HttpReply> ReadReply(
         std::chrono::milliseconds timeout = std::chrono::seconds(10));
     // True when the peer closes (EOF or reset) within `timeout`; data read meanwhile is dropped.
@@ -36,13 +34,16 @@ class RawHttpConnection {
     void Close();
 
   private:
+    // Appends what arrives by `deadline`: the byte count, 0 on close, -1 on time-out.
+    int Receive(std::chrono::steady_clock::time_point deadline);
+
     int fd = -1;
     std::string pending;  // bytes read past the last reply
 };
 
-// Builds a POST with Content-Length and the given content type.
+// A POST with Content-Length and the given content type.
 std::string PostRequest(const std::string& target, const std::string& body,
-                        const std::string& contentType = "application/json", bool keepAlive = true);
+                        const std::string& contentType = "application/json");
 
 // One request on a fresh connection; the reply or an empty optional.
 std::optional<HttpReply> PostOnce(uint16_t port, const std::string& target, const std::string& body,
