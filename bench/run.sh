@@ -7,7 +7,8 @@ BUILD_DIR=build-release BUILD_TYPE=Release scripts/build.sh -DBUILD_TESTING=OFF
 root=$(mktemp -d)
 trap 'kill $pid 2>/dev/null; wait $pid 2>/dev/null; rm -rf "$root"' EXIT
 port=${PORT:-19996}
-mkdir -p "$root/etc/tolmar/cpservices/tessard" "$root/reports"
+mkdir -p "$root/etc/tolmar/cpservices/tessard" "$root/reports" \
+  "$root/usr/lib/tolmar/tessard/plugins/config" "$root/usr/lib/tolmar/tessard/plugins/bin"
 echo "<config><httpPort>$port</httpPort><log><level>warning</level></log></config>" \
   >"$root/etc/tolmar/cpservices/tessard/config.xml"
 TESSARD_ROOT=$root build-release/tessard -r "$root/reports" &
@@ -17,5 +18,5 @@ echo "machine: nproc $(nproc)"
 for names in 1 64; do
   echo "names: $names"
   NAMES=$names wrk -t2 -c64 -d${DURATION:-10s} --latency -s bench/post.lua "http://127.0.0.1:$port/" \
-    | grep -E 'reports/s|Requests/sec|Non-2xx'
+    | grep -E ' 99%|Requests/sec|Non-2xx|errors'
 done
