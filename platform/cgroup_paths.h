@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/unique_fd.h"
+
 namespace Pelinor::Cgroup {
 
 enum class Kind { kV1Memory, kV2 };
@@ -63,29 +65,7 @@ inline const char* LimitFile(Kind kind) {
     return kind == Kind::kV2 ? "memory.max" : "memory.limit_in_bytes";
 }
 
-// Owns a descriptor.
-class Fd {
-  public:
-    explicit Fd(int fd = -1) noexcept : fd(fd) {}
-    Fd(Fd&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
-    Fd& operator=(Fd&& other) noexcept {
-        if (this != &other) {
-            Reset();
-            fd = std::exchange(other.fd, -1);
-        }
-        return *this;
-    }
-    ~Fd() { Reset(); }
-
-    int Get() const noexcept { return fd; }
-    explicit operator bool() const noexcept { return fd >= 0; }
-    void Reset() noexcept {
-        if (fd >= 0) ::close(std::exchange(fd, -1));
-    }
-
-  private:
-    int fd;
-};
+using Fd = System::UniqueFd;
 
 // Reads a control file holding one decimal number. 0 or an errno value.
 inline int ReadNumber(const std::string& path, uint64_t& value) {

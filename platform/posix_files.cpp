@@ -11,6 +11,7 @@
 #include "platform/files.h"
 #include "platform/http.h"
 #include "platform/server_socket.h"
+#include "platform/unique_fd.h"
 
 namespace Pelinor::System {
 
@@ -28,12 +29,9 @@ std::string DirectoryOf(const std::string& path) {
 class FdStream : public OutputStream {
   public:
     explicit FdStream(int fd) : fd(fd), buffer(std::make_unique<char[]>(kStreamBufferSize)) {}
-    ~FdStream() override {
-        if (fd >= 0) ::close(fd);
-    }
 
     void Write(const void* data, size_t size) override {
-        if (fd < 0) throw IOException("Write to a closed file");
+        if (!fd) throw IOException("Write to a closed file");
         auto bytes = static_cast<const char*>(data);
         while (size > 0) {
             if (used == 0 && size >= kStreamBufferSize) {
@@ -50,9 +48,10 @@ class FdStream : public OutputStream {
     }
 
     void Close() override {
-        if (fd < 0) return;
+        if (!fd) return;
         Flush();
-        int result = ::close(std::exchange(fd, -1));
+        // Closed here rather than by the owner: a failed close is a failed write.
+        int result = ::close(fd.Release());
         if (result != 0 && errno != EINTR) throw IOException(std::strerror(errno));
     }
 
@@ -64,7 +63,7 @@ class FdStream : public OutputStream {
 
     void WriteAll(const char* data, size_t size) {
         while (size > 0) {
-            ssize_t n = ::write(fd, data, size);
+            ssize_t n = ::write(fd.Get(), data, size);
             if (n < 0) {
                 if (errno == EINTR) continue;
                 throw IOException(std::strerror(errno));
@@ -74,7 +73,7 @@ class FdStream : public OutputStream {
         }
     }
 
-    int fd;
+    UniqueFd fd;
     std::unique_ptr<char[]> buffer;
     size_t used = 0;
 };

@@ -15,37 +15,11 @@
 #include "platform/exceptions.h"
 #include "platform/format.h"
 #include "platform/logging.h"
+#include "platform/unique_fd.h"
 
 namespace Pelinor::System {
 
 namespace {
-
-// Closes the descriptor it owns unless it has been released.
-class UniqueFd {
-  public:
-    explicit UniqueFd(int fd) noexcept : fd(fd) {}
-    UniqueFd(UniqueFd&& o) noexcept : fd(std::exchange(o.fd, -1)) {}
-    UniqueFd& operator=(UniqueFd&& o) noexcept {
-        if (this != &o) {
-            Reset();
-            fd = std::exchange(o.fd, -1);
-        }
-        return *this;
-    }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    ~UniqueFd() { Reset(); }
-
-    int Get() const noexcept { return fd; }
-    int Release() noexcept { return std::exchange(fd, -1); }
-
-  private:
-    void Reset() noexcept {
-        if (fd >= 0) ::close(fd);
-        fd = -1;
-    }
-    int fd;
-};
 
 struct AddrInfoDeleter {
     void operator()(addrinfo* info) const noexcept { ::freeaddrinfo(info); }
