@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "tests/support/daemon_process.h"
+#include "tests/support/test_cgroup.h"
 
 namespace {
 
@@ -16,6 +17,7 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using TessardTest::DaemonOptions;
 using TessardTest::DaemonProcess;
+using TessardTest::TestCgroup;
 
 constexpr const char* kPool = "host/zol/kelpod/tessard-plugins";
 constexpr const char* kBinDir = "/usr/lib/tolmar/tessard/plugins/bin/";
@@ -28,59 +30,6 @@ std::vector<std::string> Lines(const std::string& path) {
     return lines;
 }
 
-// A memory cgroup of the test's own, made with the pool set-up script and removed with
-// every process still in it.
-class TestCgroup {
-  public:
-    explicit TestCgroup(bool withPool) {
-        const std::string memory = "/sys/fs/cgroup/memory";
-        if (!fs::exists(memory + "/memory.limit_in_bytes")) {
-            skipReason = "no cgroup v1 memory hierarchy at " + memory;
-            return;
-        }
-        root = memory + "/tessard-e2e-" + std::to_string(getpid());
-        if (::mkdir(root.c_str(), 0755) != 0) {
-            skipReason = "cannot create a cgroup under " + memory + ": " + std::strerror(errno);
-            root.clear();
-            return;
-        }
-        if (withPool) {
-            // The script's record of what it made stays with the test.
-            std::string command = "TESSARD_POOL_STATE_DIR=" + state.Path() + " bash " +
-                                  TESSARD_POOL_SCRIPT + " create --root " + root +
-                                  " --cap-mb 256 >/dev/null";
-            EXPECT_EQ(std::system(command.c_str()), 0) << command;
-        }
-    }
-    ~TestCgroup() {
-        if (root.empty()) return;
-        // Plugins that outlive the daemon (the sleeper) go with the group.
-        for (int round = 0; round < 50; ++round) {
-            bool any = false;
-            for (const auto& entry : fs::recursive_directory_iterator(root)) {
-                if (entry.path().filename() != "cgroup.procs") continue;
-                for (const auto& pid : Lines(entry.path())) {
-                    ::kill(std::stoi(pid), SIGKILL);
-                    any = true;
-                }
-            }
-            if (!any) break;
-            std::this_thread::sleep_for(20ms);
-        }
-        std::vector<fs::path> groups;
-        for (const auto& entry : fs::recursive_directory_iterator(root)) {
-            if (entry.is_directory()) groups.push_back(entry.path());
-        }
-        std::sort(groups.rbegin(), groups.rend());  // children before parents
-        for (const auto& group : groups) ::rmdir(group.c_str());
-        ::rmdir(root.c_str());
-    }
-
-    TessardTest::TempDir state;
-    std::string root;
-    std::string skipReason;
-};
-
 // Installs the probe program under `name` and describes it.
 void InstallPlugin(const std::string& root, const std::string& name, const std::string& frequency) {
     fs::create_directories(root + kBinDir + name + ".out");
@@ -91,11 +40,11 @@ void InstallPlugin(const std::string& root, const std::string& name, const std::
 }
 
 TEST(PluginsE2E, RunInsideThePoolAndReportBack) {
-    TestCgroup cgroup(/*withPool=*/true);
-    if (!cgroup.skipReason.empty()) GTEST_SKIP() << cgroup.skipReason;
+    TestCgroup cgroup(TESSARD_POOL_SCRIPT);
+    if (!cgroup.SkipReason().empty()) GTEST_SKIP() << cgroup.SkipReason();
 
     DaemonOptions options;
-    options.env = {"TESSARD_TIME_SCALE=30", "TESSARD_CGROUP_ROOT=" + cgroup.root};
+    options.env = {"TESSARD_TIME_SCALE=30", "TESSARD_CGROUP_ROOT=" + cgroup.Root()};
     options.prepare = [](const std::string& root) {
         InstallPlugin(root, "probe", "fast");
         InstallPlugin(root, "hog", "slow");
@@ -133,8 +82,7 @@ TEST(PluginsE2E, RunInsideThePoolAndReportBack) {
                                         "http://localhost:" + std::to_string(daemon.Port())}));
     EXPECT_TRUE(Lines(bin + "probe.out/env").empty()) << "the environment is empty";
     EXPECT_EQ(Lines(bin + "probe.out/fds"), (std::vector<std::string>{"0", "1", "2"}));
-    std::string groupPrefix =
-        cgroup.root.substr(std::string("/sys/fs/cgroup/memory").size()) + "/" + kPool + "/";
+    std::string groupPrefix = cgroup.ProcPath() + "/" + kPool + "/";
     bool inPool = false;
     for (const auto& line : Lines(bin + "probe.out/cgroup")) {
         inPool |= line.find(":memory:" + groupPrefix) != std::string::npos;
@@ -156,11 +104,11 @@ TEST(PluginsE2E, RunInsideThePoolAndReportBack) {
 }
 
 TEST(PluginsE2E, NothingLaunchesWithoutThePool) {
-    TestCgroup cgroup(/*withPool=*/false);
-    if (!cgroup.skipReason.empty()) GTEST_SKIP() << cgroup.skipReason;
+    TestCgroup cgroup;
+    if (!cgroup.SkipReason().empty()) GTEST_SKIP() << cgroup.SkipReason();
 
     DaemonOptions options;
-    options.env = {"TESSARD_TIME_SCALE=30", "TESSARD_CGROUP_ROOT=" + cgroup.root};
+    options.env = {"TESSARD_TIME_SCALE=30", "TESSARD_CGROUP_ROOT=" + cgroup.Root()};
     options.prepare = [](const std::string& root) { InstallPlugin(root, "probe", "fast"); };
     DaemonProcess daemon(options);
     ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
