@@ -1,0 +1,180 @@
+// The daemon as installed: what `cmake --install` lays out, the installed binary started from
+// there, and what systemd gets from it.
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "tests/support/daemon_process.h"
+#include "tests/support/test_cgroup.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using TessardTest::DaemonOptions;
+using TessardTest::DaemonProcess;
+using TessardTest::ReadFile;
+using TessardTest::TempDir;
+
+constexpr const char* kConfig = "/etc/tolmar/cpservices/tessard/config.xml";
+constexpr const char* kPlugins = "/usr/lib/tolmar/tessard/plugins";
+constexpr const char* kUnit = "/usr/lib/systemd/system/tessard.service";
+
+// Installs the build into `destdir` as the Debian package lays it out (prefix /usr).
+void Install(const std::string& destdir) {
+    std::string command = "DESTDIR=" + destdir + " " + TESSARD_CMAKE + " --install " +
+                          TESSARD_BUILD_DIR + " --prefix /usr >/dev/null";
+    ASSERT_EQ(std::system(command.c_str()), 0) << command;
+}
+
+// Runs a command and gives its exit code and everything it printed.
+std::pair<int, std::string> RunCommand(const std::string& command) {
+    std::string output;
+    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr) return {-1, ""};
+    std::array<char, 4096> buffer;
+    for (size_t n; (n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0;)
+        output.append(buffer.data(), n);
+    int status = ::pclose(pipe);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+TEST(PackagingE2E, InstalledDaemonTakesReportsAndRunsTheExamplePlugins) {
+    TempDir dest;
+    ASSERT_NO_FATAL_FAILURE(Install(dest.Path()));
+    for (const std::string& program :
+         {std::string("/usr/sbin/tessard"), std::string("/usr/sbin/tessard-pool"),
+          std::string(kPlugins) + "/bin/memory.sh"}) {
+        EXPECT_EQ(::access((dest.Path() + program).c_str(), X_OK), 0) << program;
+    }
+    for (const std::string& file :
+         {std::string(kUnit), std::string("/usr/share/man/man8/tessard.8"),
+          std::string(kPlugins) + "/config/memory.json"}) {
+        EXPECT_TRUE(fs::is_regular_file(dest.Path() + file)) << file;
+    }
+
+    // The installed sample configuration as it ships, on a port of the test's own.
+    std::string sample = ReadFile(dest.Path() + kConfig);
+    const std::string shippedPort = "<httpPort>9996</httpPort>";
+    ASSERT_NE(sample.find(shippedPort), std::string::npos) << sample;
+    uint16_t port = TessardTest::FreePort();
+    sample.replace(sample.find(shippedPort), shippedPort.size(),
+                   "<httpPort>" + std::to_string(port) + "</httpPort>");
+
+    // Plugins launch where this host lets the test make a memory cgroup.
+    TessardTest::TestCgroup cgroup(dest.Path() + "/usr/sbin/tessard-pool");
+    DaemonOptions options;
+    options.port = port;
+    options.configXml = sample;
+    options.env = {"TESSARD_TIME_SCALE=30", "TESSARD_CGROUP_ROOT=" + cgroup.Root()};
+    options.prepare = [&](const std::string& root) {
+        fs::copy(dest.Path() + kPlugins, root + kPlugins,
+                 fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+    };
+    DaemonProcess daemon(options, dest.Path() + "/usr/sbin/tessard");
+    ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
+    EXPECT_EQ(daemon.Logs().find("Configuration"), std::string::npos) << daemon.Logs();
+    EXPECT_EQ(TessardTest::PostStatus(port, "/installed", R"({"ok":true})"), 200);
+    EXPECT_EQ(ReadFile(daemon.ReportDir() + "/installed-0.json"), R"({"ok":true})");
+    if (cgroup.SkipReason().empty()) {
+        // The fast batches start a second after start-up, one plugin each.
+        for (int i = 0; i < 150 && !fs::exists(daemon.ReportDir() + "/memory.json"); ++i)
+            std::this_thread::sleep_for(100ms);
+        ASSERT_TRUE(fs::exists(daemon.ReportDir() + "/memory.json")) << daemon.Logs();
+        EXPECT_NE(ReadFile(daemon.ReportDir() + "/memory.json").find(R"("plugin")"),
+                  std::string::npos);
+    } else {
+        std::printf("example plugin launch not checked: %s\n", cgroup.SkipReason().c_str());
+    }
+    EXPECT_EQ(daemon.Terminate(), 0);
+
+    // An operator's configuration survives a reinstall.
+    TessardTest::WriteFile(dest.Path() + kConfig, "<config/>\n");
+    ASSERT_NO_FATAL_FAILURE(Install(dest.Path()));
+    EXPECT_EQ(ReadFile(dest.Path() + kConfig), "<config/>\n");
+}
+
+TEST(PackagingE2E, SystemdUnitVerifies) {
+    if (RunCommand("command -v systemd-analyze").first != 0)
+        GTEST_SKIP() << "no systemd-analyze here";
+    TempDir dest;
+    ASSERT_NO_FATAL_FAILURE(Install(dest.Path()));
+    std::string unit = ReadFile(dest.Path() + kUnit);
+    EXPECT_NE(unit.find("ExecStart=/usr/sbin/tessard -r /run/tessard/reports\n"),
+              std::string::npos);
+    // Not the units it would start after: this test's tree has only tessard's.
+    auto [code, output] =
+        RunCommand("systemd-analyze verify --man=no --recursive-errors=no --root=" + dest.Path() +
+                   " " + kUnit);
+    EXPECT_EQ(code, 0) << output;
+    EXPECT_EQ(output, "") << "warnings about the unit";
+}
+
+TEST(PackagingE2E, DebianPackageHoldsTheInstallation) {
+    if (RunCommand("command -v dpkg-deb").first != 0) GTEST_SKIP() << "no dpkg-deb here";
+    TempDir out;
+    std::string cpack = (fs::path(TESSARD_CMAKE).parent_path() / "cpack").string();
+    auto [code, output] = RunCommand(cpack + " -G DEB --config " + TESSARD_BUILD_DIR +
+                                     "/CPackConfig.cmake -B " + out.Path());
+    ASSERT_EQ(code, 0) << output;
+    std::string deb;
+    for (const auto& entry : fs::directory_iterator(out.Path()))
+        if (entry.path().extension() == ".deb") deb = entry.path();
+    ASSERT_FALSE(deb.empty()) << output;
+
+    std::string contents = RunCommand("dpkg-deb --contents " + deb).second;
+    for (const std::string& file :
+         {std::string("./usr/sbin/tessard"), std::string("./usr/sbin/tessard-pool"),
+          std::string(".") + kConfig, std::string(".") + kUnit,
+          std::string(".") + kPlugins + "/bin/memory.sh",
+          std::string("./usr/share/man/man8/tessard.8")}) {
+        EXPECT_NE(contents.find(" " + file + "\n"), std::string::npos) << file << "\n" << contents;
+    }
+    EXPECT_EQ(RunCommand("dpkg-deb --info " + deb + " conffiles").second,
+              std::string(kConfig) + "\n");
+    std::string depends = RunCommand("dpkg-deb --field " + deb + " Depends").second;
+    EXPECT_NE(depends.find("curl"), std::string::npos) << depends;
+}
+
+// The sd_notify(3) datagrams, on a socket the test listens on, and the journal's line form.
+TEST(PackagingE2E, TellsSystemdWhenReadyAndStopping) {
+    TempDir dir;
+    std::string path = dir / "notify";
+    int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(socket, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    ASSERT_LT(path.size(), sizeof address.sun_path);
+    std::memcpy(address.sun_path, path.c_str(), path.size());
+    ASSERT_EQ(::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    timeval timeout{10, 0};
+    ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    auto receive = [&] {
+        std::array<char, 256> buffer{};
+        ssize_t n = ::recv(socket, buffer.data(), buffer.size(), 0);
+        return n > 0 ? std::string(buffer.data(), n) : std::string();
+    };
+
+    DaemonOptions options;
+    options.env = {"NOTIFY_SOCKET=" + path, "JOURNAL_STREAM=8:1234"};
+    DaemonProcess daemon(options);
+    EXPECT_EQ(receive(), "READY=1");
+    // Ready means serving, with the launcher's start-up behind it.
+    EXPECT_TRUE(daemon.WaitForLog("<5>PluginLauncher: About to schedule slow plugins\n", 0s));
+    EXPECT_EQ(TessardTest::PostStatus(daemon.Port(), "/ready", "{}"), 200);
+    EXPECT_TRUE(daemon.WaitForLog("<5>tessardEndpoint: HTTP endpoint listening on port: " +
+                                      std::to_string(daemon.Port()) + "\n",
+                                  1s))
+        << daemon.Logs();
+    EXPECT_EQ(daemon.Terminate(), 0);
+    EXPECT_EQ(receive(), "STOPPING=1");
+    ::close(socket);
+}
+
+}  // namespace
