@@ -32,36 +32,40 @@ else
     say "no plugin pool (${reason#tessard-pool: }): reports are taken, plugins are not launched"
 fi
 
-build/tessard -r "$report_dir" &
-daemon=$!
-stop() {
-    trap - INT TERM
-    kill -TERM "$daemon" 2>/dev/null || true
-    wait "$daemon" || true
-    # Plugins of the last batches may still be finishing.
-    if [ "$made_pool" = 1 ]; then
-        for _ in 1 2 3 4 5; do
-            packaging/tessard-pool.sh remove >/dev/null 2>&1 && break
-            sleep 1
-        done
-    fi
-    exit 0
-}
-trap stop INT TERM
-
-say "configuration $config, plugins in $plugins, reports in $report_dir"
-say "post one yourself: curl -H 'Content-Type: application/json' --data '{\"ok\":true}' http://localhost:9996/mine"
+# One line per report that arrives; what earlier runs left is noted quietly first.
 declare -A seen
-while kill -0 "$daemon" 2>/dev/null; do
+watch_reports() {
+    local link target stamp
     for link in "$report_dir"/*.json; do
         [ -L "$link" ] || continue
-        target=$(readlink "$link")
+        target=$(readlink "$link") || continue
         stamp=$(stat -L -c '%Y %s' "$link" 2>/dev/null) || continue
         if [ "${seen[$link]:-}" != "$target $stamp" ]; then
             seen[$link]="$target $stamp"
-            say "report ${link##*/} -> $target (${stamp#* } bytes)"
+            [ "${1:-}" = quiet ] || say "report ${link##*/} -> $target (${stamp#* } bytes)"
         fi
     done
-    sleep 1
+}
+watch_reports quiet
+
+build/tessard -r "$report_dir" &
+daemon=$!
+# Ctrl-C reaches the daemon too; either way the loop below ends once it has stopped.
+trap 'kill -TERM "$daemon" 2>/dev/null || true' INT TERM
+
+say "configuration $config, plugins in $plugins, reports in $report_dir"
+say "post one yourself: curl -H 'Content-Type: application/json' --data '{\"ok\":true}' http://localhost:9996/mine"
+while kill -0 "$daemon" 2>/dev/null; do
+    watch_reports
+    sleep 1 || true  # Ctrl-C interrupts it
 done
-wait "$daemon"
+status=0
+wait "$daemon" || status=$?
+# Plugins of the last batches may still be finishing.
+if [ "$made_pool" = 1 ]; then
+    for _ in 1 2 3 4 5; do
+        packaging/tessard-pool.sh remove >/dev/null 2>&1 && break
+        sleep 1
+    done
+fi
+exit "$status"
