@@ -6,7 +6,7 @@
 # Kernel, in-memory and pseudo file systems are left out, and so are read-only images
 # (squashfs, ISO 9660, ...), which are full by design. A mount point mounted over twice is
 # reported once, for the mount that is visible. Status: warning from 90 % of the space or of
-# the inodes used, critical from 95 %; read-only mounts are reported but cannot raise it.
+# the inodes used, critical from 95 %; read-only file systems are reported but cannot raise it.
 # A mount point that does not answer within 2 s (a hung network file system) is a warning.
 
 here=${BASH_SOURCE[0]%/*}
@@ -24,7 +24,11 @@ SKIPPED=" autofs binfmt_misc bpf cgroup cgroup2 configfs cramfs debugfs devpts d
 
 declare -A index_of
 points=() devices=() types=() readonly_flags=()
-while read -r device mount_point type options _; do
+# mountinfo, not mounts: read-only is taken from the file system itself (after " - "), since
+# a service sandbox remounts the whole tree read-only for this process alone.
+while read -r -a field; do
+    for ((s = 6; s < ${#field[@]}; s++)); do [[ ${field[s]} == - ]] && break; done
+    mount_point=${field[4]} type=${field[s + 1]-} device=${field[s + 2]-} options=${field[s + 3]-}
     [[ $SKIPPED == *[[:space:]]"$type"[[:space:]]* ]] && continue
     # The kernel writes blanks, tabs, newlines and backslashes in octal (\040 ...).
     printf -v mount_point '%b' "$mount_point"
@@ -33,7 +37,7 @@ while read -r device mount_point type options _; do
     index_of[$mount_point]=$i
     points[i]=$mount_point devices[i]=$device types[i]=$type
     [[ ,$options, == *,ro,* ]] && readonly_flags[i]=1 || readonly_flags[i]=0
-done </proc/self/mounts
+done </proc/self/mountinfo
 
 mounts=
 for i in "${!points[@]}"; do
