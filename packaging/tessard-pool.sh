@@ -1,7 +1,9 @@
 #!/bin/bash
 # Sets up, removes or shows the memory-capped cgroup that tessard starts its plugins in.
 #
-#   tessard-pool.sh create [--root DIR] [--cap-mb N]   make the pool, capped at N MiB (512)
+#   tessard-pool.sh create [--root DIR] [--cap-mb N]   make the pool, capped at N MiB (512);
+#                                                      an existing pool keeps its cap unless
+#                                                      --cap-mb is given
 #   tessard-pool.sh remove [--root DIR]                remove it and the groups create made
 #   tessard-pool.sh status [--root DIR]                show what exists
 #
@@ -92,7 +94,8 @@ create() {
     if [[ $KIND == v2 ]] && ! grep -qw memory "$HIERARCHY/cgroup.controllers"; then
         die 1 "the memory controller is not available in $HIERARCHY"
     fi
-    local dir=$HIERARCHY name error
+    local dir=$HIERARCHY name error existed=0
+    [[ -d $POOL ]] && existed=1
     for name in "${CHAIN[@]}"; do
         if [[ $KIND == v2 ]]; then enable_memory "$dir"; fi
         dir=$dir/$name
@@ -102,6 +105,11 @@ create() {
         fi
     done
     if [[ $KIND == v2 ]]; then enable_memory "$POOL"; fi
+    # The service runs create at every start: an operator's cap stays unless one is given.
+    if ((existed)) && [[ -z $CAP_GIVEN ]]; then
+        echo "pool $POOL ready, capped at $(cat "$POOL/$(limit_file)") bytes"
+        return
+    fi
     write_value "$POOL/$(limit_file)" $((CAP_MB * 1024 * 1024))
     echo "pool $POOL ready, capped at $CAP_MB MiB"
 }
@@ -161,6 +169,7 @@ COMMAND=$1
 shift
 ROOT=${TESSARD_CGROUP_ROOT:-/sys/fs/cgroup}
 CAP_MB=$DEFAULT_CAP_MB
+CAP_GIVEN=
 while [[ $# -gt 0 ]]; do
     case $1 in
         --root)
@@ -171,7 +180,7 @@ while [[ $# -gt 0 ]]; do
         --cap-mb)
             [[ $# -ge 2 ]] || usage "--cap-mb needs a number"
             [[ $COMMAND == create ]] || usage "--cap-mb goes with create"
-            CAP_MB=$2
+            CAP_MB=$2 CAP_GIVEN=1
             shift 2
             ;;
         -h | --help)

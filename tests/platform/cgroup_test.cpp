@@ -249,6 +249,8 @@ TEST_F(Cgroup, PoolScriptCreatesReportsAndRemovesOnlyWhatItMade) {
     EXPECT_EQ(Number(pool + "/" + limitFile), 64u << 20);
     ASSERT_EQ(Pool("create --cap-mb 128"), 0);
     EXPECT_EQ(Number(pool + "/" + limitFile), 128u << 20);
+    ASSERT_EQ(Pool("create"), 0);  // as the service does at every start
+    EXPECT_EQ(Number(pool + "/" + limitFile), 128u << 20) << "the operator's cap stays";
     EXPECT_EQ(Pool("status"), 0);
     EXPECT_EQ(Pool("create --cap-mb 0"), 2);
     EXPECT_EQ(Pool("create --cap-mb lots"), 2);
