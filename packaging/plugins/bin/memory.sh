@@ -31,24 +31,26 @@ while read -r key value _; do
 done </proc/meminfo
 [[ -z $available && -n $free ]] && available=$((free + buffers + cached))
 
+# used PREFIX TOTAL LEFT: the PREFIXused_kib and PREFIXused_percent members, used being TOTAL
+# minus LEFT; the share stays in REPLY for rate_percent.
+used() {
+    local kib=''
+    [[ -n $2 && -n $3 ]] && kib=$(($2 - $3))
+    add_number report "${1}used_kib" "$kib"
+    percent "$kib" "$2"
+    add_json report "${1}used_percent" "$REPLY"
+}
+
 report=
 add_number report total_kib "$total"
 add_number report available_kib "$available"
 add_number report free_kib "$free"
-used=''
-[[ -n $total && -n $available ]] && used=$((total - available))
-add_number report used_kib "$used"
-percent "$used" "$total"
-add_json report used_percent "$REPLY"
+used "" "$total" "$available"
 rate_percent memory $WARNING_PERCENT $CRITICAL_PERCENT
 
 add_number report swap_total_kib "$swap_total"
 add_number report swap_free_kib "$swap_free"
-swap_used=''
-[[ -n $swap_total && -n $swap_free ]] && swap_used=$((swap_total - swap_free))
-add_number report swap_used_kib "$swap_used"
-percent "$swap_used" "$swap_total"
-add_json report swap_used_percent "$REPLY"
+used swap_ "$swap_total" "$swap_free"
 rate_percent swap $SWAP_WARNING_PERCENT
 
 add_json report thresholds "{\"warning_percent\":$WARNING_PERCENT,\"critical_percent\":$CRITICAL_PERCENT,\"swap_warning_percent\":$SWAP_WARNING_PERCENT}"
