@@ -18,6 +18,8 @@ constexpr const char* kLockName = "tessard-handler-excl-lock";
 constexpr uint32_t kLockRank = 0xff000000;
 constexpr const char* kContentType = "application/json";
 constexpr int32_t kMaxReports = 3;
+// Jobs waiting on one name past which its queue says it has a backlog.
+constexpr int32_t kBacklogWarning = 16;
 }  // namespace
 
 TessardHandler::TessardHandler(const std::string& reportDirectory)
@@ -82,7 +84,7 @@ void TessardHandler::HandlePost(const Ref<Pelinor::Http::Request>& request,
                 return;
             }
             Pelinor::System::GetThreadPool().CreateWorkQueue(
-                {"work-queue-" + reportName, 16, "", 1, {}}, workQueue);
+                {"work-queue-" + reportName, kBacklogWarning}, workQueue);
             reportRegistry.emplace(reportName, ReportEntry{roller, workQueue});
             Log(logger, LogLevel::Trivia,
                 "Created report rotation and workqueue object for report name: %1", reportName);

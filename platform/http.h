@@ -10,6 +10,8 @@
 
 #include "platform/logging.h"
 #include "platform/object.h"
+#include "platform/task.h"
+#include "platform/unique_fd.h"
 
 namespace Pelinor::System {
 
@@ -20,8 +22,8 @@ class ServerSocket : public ObjectImpl {
     // without IPv6 is skipped with a warning. Port 0 picks a free port (tests).
     virtual void Listen(const std::string& host, int32_t port) = 0;
     virtual uint16_t GetPort() const = 0;
-    // The listening descriptors, handed over to the HTTP service, which closes them.
-    virtual std::vector<int> TakeDescriptors() = 0;
+    // The listening descriptors, handed over to the HTTP service.
+    virtual std::vector<UniqueFd> TakeDescriptors() = 0;
 };
 
 }  // namespace Pelinor::System
@@ -52,10 +54,12 @@ class Request : public ObjectImpl {
     virtual std::string GetUrl() const = 0;
     // Whether the request declares a Content-Length; fills `length` if so.
     virtual bool GetContentLength(int64_t& length) const = 0;
-    // Reads up to `size` bytes of the body; -1 once it has ended. Blocks until bytes
-    // arrive; throws IOException when the client stalls past the time-out or goes away.
-    // Call from a pool thread, never from the service's own threads.
-    virtual int64_t Read(char* buffer, size_t size) = 0;
+    // Reads up to `size` bytes of the body; -1 once it has ended. Bytes already received
+    // come back without suspending; otherwise the caller suspends until more arrive. Throws
+    // IOException when the client stalls past the time-out or goes away. Call it on the
+    // event loop that handed over the request (a work queue job queued by the handler runs
+    // there); the buffer must stay valid until the read completes.
+    virtual Task<int64_t> Read(char* buffer, size_t size) = 0;
 };
 
 // Any thread may complete a response. One released without being sent is sent with
@@ -125,10 +129,10 @@ struct HttpLimits {
 class HttpService : public ObjectImpl {
   public:
     virtual void SetRequestHandler(const Ref<RequestHandler>& handler) = 0;
-    // Starts serving on the service's own threads and returns at once.
+    // Starts serving on the event loops and returns at once.
     virtual void Start() = 0;
-    // Stops accepting, lets requests being handled finish (bounded), then closes
-    // every connection and joins the threads. Idempotent.
+    // Stops accepting, closes idle connections, lets requests being handled finish
+    // (bounded), then closes every connection. Idempotent; never call it on an event loop.
     virtual void Stop() = 0;
 };
 

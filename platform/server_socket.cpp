@@ -103,12 +103,7 @@ class PosixServerSocket final : public ServerSocket {
 
     uint16_t GetPort() const override { return boundPort; }
 
-    std::vector<int> TakeDescriptors() override {
-        std::vector<int> out;
-        for (auto& fd : descriptors) out.push_back(fd.Release());
-        descriptors.clear();
-        return out;
-    }
+    std::vector<UniqueFd> TakeDescriptors() override { return std::exchange(descriptors, {}); }
 
   private:
     static UniqueFd Open(const sockaddr* address, socklen_t size, int& error) {

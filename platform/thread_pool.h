@@ -1,4 +1,4 @@
-// The thread pool and its work queues.
+// The event loops and the serial work queues that run jobs on them.
 #pragma once
 
 #include <cstdint>
@@ -6,26 +6,25 @@
 #include <string>
 
 #include "platform/object.h"
+#include "platform/task.h"
 
 namespace Pelinor::System {
 
+using Job = std::function<Task<void>()>;
+
 struct WorkQueueDesc {
     std::string name;
-    // Pending jobs past which the queue reports a backlog (at verbose, once per crossing).
+    // Waiting jobs past which the queue says it has a backlog (at verbose, once per crossing).
     int32_t backlogWarning = 16;
-    // Logger for the queue's own lines; empty means the default logger.
-    std::string loggerName;
-    // Jobs that may run at once: 1 runs them one at a time, in the order queued.
-    int32_t concurrency = 1;
-    // Kept alive as long as the queue.
-    Ref<ObjectImpl> owner;
 };
 
+// Runs its jobs one at a time, in the order queued, on the event loop of the thread that
+// queued each (the connection's, for a report): a job whose turn has come starts at once,
+// on the queuing thread, with no hand-off. A job that suspends holds no thread, only its
+// turn. A job that throws is logged at error; the queue carries on.
 class WorkQueue : public ObjectImpl {
   public:
-    // Copies the job and runs it later on a pool thread. A job that throws is
-    // logged at error and destroyed; the queue carries on.
-    virtual void Enqueue(const std::function<void()>& job) = 0;
+    virtual void Enqueue(Job job) = 0;
 };
 
 class ThreadPool {

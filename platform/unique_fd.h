@@ -1,8 +1,6 @@
 // Sole owner of a file descriptor.
 #pragma once
 
-#include <unistd.h>
-
 #include <utility>
 
 namespace Pelinor::System {
@@ -25,9 +23,7 @@ class UniqueFd {
     int Get() const noexcept { return fd; }
     explicit operator bool() const noexcept { return fd >= 0; }
     int Release() noexcept { return std::exchange(fd, -1); }
-    void Reset() noexcept {
-        if (fd >= 0) ::close(std::exchange(fd, -1));
-    }
+    void Reset() noexcept;
 
   private:
     int fd;

@@ -9,23 +9,23 @@ using Pelinor::Http::ResponseCode;
 using Pelinor::Service::Log;
 using Pelinor::Service::LogLevel;
 
-void WriteReport(const Ref<Pelinor::Http::Request>& request,
-                 const Ref<Pelinor::Http::Response>& response, const Ref<ReportRoller>& roller,
-                 const Ref<Pelinor::Service::Logger>& logger) {
+Pelinor::Task<void> WriteReport(Ref<Pelinor::Http::Request> request,
+                                Ref<Pelinor::Http::Response> response, Ref<ReportRoller> roller,
+                                Ref<Pelinor::Service::Logger> logger) {
     Ref<Pelinor::System::OutputStream> stream;
     Ref<Pelinor::System::File> file;
     if (!roller->CreateTempFile(stream, file)) {
         Log(logger, LogLevel::Error, "Creation of report failed");
         // Not sent here: the response goes out with this code once it is released.
         response->SetResponseCode(ResponseCode::InternalServerError);
-        return;
+        co_return;
     }
 
     ResponseCode code = ResponseCode::Ok;
     int32_t byteCount = 0;
     char buffer[kReadChunkSize];
     for (;;) {
-        int64_t n = request->Read(buffer, sizeof buffer);
+        int64_t n = co_await request->Read(buffer, sizeof buffer);
         if (n == -1) {
             Log(logger, LogLevel::Trivia, "Read end of HTTP body");
             break;

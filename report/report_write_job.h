@@ -5,6 +5,7 @@
 
 #include "platform/http.h"
 #include "platform/logging.h"
+#include "platform/task.h"
 #include "report/report_roller.h"
 
 namespace Tessard {
@@ -14,10 +15,11 @@ constexpr int64_t kMaxReportSize = 1048576;
 
 // Copies the body into the roller's next slot (at most kMaxReportSize bytes), puts it
 // in place and answers: 200, 413 for an over-long body, 500 when no file could be opened.
-void WriteReport(const Pelinor::Ref<Pelinor::Http::Request>& request,
-                 const Pelinor::Ref<Pelinor::Http::Response>& response,
-                 const Pelinor::Ref<ReportRoller>& roller,
-                 const Pelinor::Ref<Pelinor::Service::Logger>& logger);
+// Suspends, holding no thread, while it waits for body bytes.
+Pelinor::Task<void> WriteReport(Pelinor::Ref<Pelinor::Http::Request> request,
+                                Pelinor::Ref<Pelinor::Http::Response> response,
+                                Pelinor::Ref<ReportRoller> roller,
+                                Pelinor::Ref<Pelinor::Service::Logger> logger);
 
 // The queued work item. It keeps everything it touches alive until the queue destroys
 // it, and releases the references in the order roller, response, request, handler.
@@ -28,7 +30,9 @@ struct ReportWriteJob {
     Pelinor::Ref<Pelinor::Http::Response> response;
     Pelinor::Ref<ReportRoller> roller;
 
-    void operator()() const { WriteReport(request, response, roller, logger); }
+    Pelinor::Task<void> operator()() const {
+        return WriteReport(request, response, roller, logger);
+    }
 };
 
 }  // namespace Tessard

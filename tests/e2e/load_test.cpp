@@ -139,6 +139,34 @@ TEST(ManyClients, KeepAliveReportsOfSharedNamesAllLandAndRingStaysOrdered) {
     for (const auto& e : daemon.LogEntries()) EXPECT_NE("error", e.level) << e.message;
 }
 
+TEST(SlowClients, StalledBodiesAndHeadsHoldBackNobodyElse) {
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
+    std::vector<std::unique_ptr<RawHttpConnection>> stalled;
+    for (int i = 0; i < 64; ++i) {
+        // A body that stops after one byte, each to a name of its own ...
+        stalled.push_back(Connect(daemon.Port()));
+        ASSERT_TRUE(stalled.back() &&
+                    stalled.back()->Send("POST /slow/s" + std::to_string(i) +
+                                         " HTTP/1.1\r\nHost: t\r\nContent-Type: "
+                                         "application/json\r\nContent-Length: 100\r\n\r\n{"));
+        // ... and a head that never ends.
+        stalled.push_back(Connect(daemon.Port()));
+        ASSERT_TRUE(stalled.back() && stalled.back()->Send("POST /slow/h HTTP/1.1\r\nHost:"));
+    }
+    auto good = Connect(daemon.Port());
+    ASSERT_TRUE(good);
+    for (int s = 0; s < 20; ++s) {
+        ASSERT_TRUE(good->Send(PostRequest("/slow/good", NumberedBody("good", 0, s, 1024))));
+        auto reply = good->ReadReply(5s);
+        ASSERT_TRUE(reply) << "report " << s << " unanswered";
+        EXPECT_EQ(200, reply->status);
+        EXPECT_EQ(NumberedBody("good", 0, s, 1024),
+                  ReadFile(daemon.ReportDir() + "/" + ReadLink(daemon.ReportDir() + "/good.json")));
+    }
+    EXPECT_EQ(0, daemon.Terminate());
+}
+
 TEST(Crash, KilledWhileWritingLeavesOnlyCompleteReportsAndResumes) {
     DaemonProcess daemon;
     ASSERT_TRUE(daemon.Ready()) << daemon.Logs();

@@ -15,6 +15,7 @@
 #include "platform/exceptions.h"
 #include "platform/http.h"
 #include "platform/server_socket.h"
+#include "platform/thread_pool.h"
 #include "tests/support/http_client.h"
 #include "tests/support/log_capture.h"
 
@@ -25,12 +26,33 @@ using namespace Pelinor;
 using namespace Pelinor::Http;
 using namespace TessardTest;
 
+// Reads the body to its end, as a report job does, and answers 200; hands over why reading
+// failed, or "" when it did not.
+Task<void> ReadToEnd(Ref<Request> request, Ref<Response> response,
+                     std::shared_ptr<std::promise<std::string>> failure) {
+    char piece[512];
+    std::string why;
+    try {
+        for (;;) {
+            int64_t n = co_await request->Read(piece, sizeof piece);
+            if (n < 0) break;
+        }
+        response->Answer(ResponseCode::Ok);
+    } catch (const IOException& e) {
+        why = e.what();
+    }
+    failure->set_value(why);
+}
+
 // By target: "/answer/N" answers N; "/throw" sets 206 and throws; "/keep-206" sets 206 and
-// releases; "/hold" hands the exchange to the test; anything else is released unanswered.
+// releases; "/hold" hands the exchange to the test; "/read" reads the body in a queued job;
+// anything else is released unanswered.
 class TestHandler final : public RequestHandlerMixin {
   public:
     using Exchange = std::pair<Ref<Request>, Ref<Response>>;
-    using RequestHandlerMixin::RequestHandlerMixin;
+    explicit TestHandler(Ref<Service::Logger> logger) : RequestHandlerMixin(std::move(logger)) {
+        System::GetThreadPool().CreateWorkQueue({"test", 16}, queue);
+    }
 
     void HandlePost(const Ref<Request>& request, const Ref<Response>& response) override {
         std::string url = request->GetUrl();
@@ -45,7 +67,22 @@ class TestHandler final : public RequestHandlerMixin {
             std::lock_guard lock(mutex);
             held.emplace_back(request, response);
             changed.notify_all();
+        } else if (url == "/read") {
+            auto failure = std::make_shared<std::promise<std::string>>();
+            {
+                std::lock_guard lock(mutex);
+                reads.push_back(failure->get_future());
+            }
+            queue->Enqueue([=] { return ReadToEnd(request, response, failure); });
         }
+    }
+
+    // Why the oldest "/read" not yet taken failed to read its body ("" when it did not).
+    std::future<std::string> TakeRead() {
+        std::lock_guard lock(mutex);
+        auto read = std::move(reads.front());
+        reads.pop_front();
+        return read;
     }
 
     // The oldest held exchange not yet taken; none when nothing arrives in time.
@@ -61,19 +98,9 @@ class TestHandler final : public RequestHandlerMixin {
     std::mutex mutex;
     std::condition_variable changed;
     std::deque<Exchange> held;
+    std::deque<std::future<std::string>> reads;
+    Ref<System::WorkQueue> queue;
 };
-
-// Reads to the end of the body; why reading failed, or "" when it did not.
-std::string ReadFailure(const Ref<Request>& request) {
-    char piece[512];
-    try {
-        while (request->Read(piece, sizeof piece) >= 0) {
-        }
-        return "";
-    } catch (const IOException& e) {
-        return e.what();
-    }
-}
 
 std::string Post(const std::string& target, const std::string& body,
                  const std::string& length = "") {
@@ -134,12 +161,10 @@ TEST_F(HttpServiceTest, EveryRequestIsAnsweredAndNoClientHoldsAReader) {
 
     service->SetRequestHandler(handler);
     RawHttpConnection stalled(port);
-    stalled.Send(Post("/hold", "only a little", "1000"));
-    auto exchange = handler->Take().value();
-    auto failure = std::async(std::launch::async, ReadFailure, exchange.first);
+    stalled.Send(Post("/read", "only a little", "1000"));
     EXPECT_TRUE(stalled.WaitClosed(5s));
     service->Stop();  // lets the reader go should the time-out not have
-    EXPECT_EQ(failure.get(), "Timed out waiting for the request body");
+    EXPECT_EQ(handler->TakeRead().get(), "Timed out waiting for the request body");
 }
 
 TEST_F(HttpServiceTest, ExtraConnectionsWaitAndStopFinishesRequestsInFlight) {
@@ -150,10 +175,7 @@ TEST_F(HttpServiceTest, ExtraConnectionsWaitAndStopFinishesRequestsInFlight) {
     RawHttpConnection idle(port), stalled(port);
     idle.Send(Post("/answer/200", ""));
     ASSERT_EQ(Next(idle), "200 ");
-    stalled.Send(Post("/hold", "part", "100"));
-    auto reading = handler->Take().value();
-    // Awaited on any early return too: a failed test then waits for the body's time-out.
-    auto failure = std::async(std::launch::async, ReadFailure, reading.first);
+    stalled.Send(Post("/read", "part", "100"));
 
     RawHttpConnection inFlight(port);  // completes in the kernel's backlog
     inFlight.Send(Post("/hold", ""));
@@ -177,10 +199,9 @@ TEST_F(HttpServiceTest, ExtraConnectionsWaitAndStopFinishesRequestsInFlight) {
     EXPECT_EQ(Next(inFlight), "200 close");
     stopper.join();
 
-    // Past the grace the blocked reader is let go and the exchange it was in is over.
-    EXPECT_EQ(failure.get(), "The HTTP service is stopping");
+    // Past the grace the waiting reader is let go and the exchange it was in is over.
+    EXPECT_EQ(handler->TakeRead().get(), "The HTTP service is stopping");
     EXPECT_TRUE(stalled.WaitClosed(5s));
-    EXPECT_THROW(reading.second->Answer(ResponseCode::Ok), IOException);
 }
 
 TEST(HttpServiceSocket, ListensOnEveryAddressAndReportsConflicts) {
@@ -199,7 +220,7 @@ TEST(HttpServiceSocket, ListensOnEveryAddressAndReportsConflicts) {
     EXPECT_FALSE(fds.empty());
     EXPECT_TRUE(socket->TakeDescriptors().empty());
     socket = nullptr;  // no longer the owner: the descriptors stay open
-    for (int fd : fds) EXPECT_EQ(::close(fd), 0);
+    for (auto& fd : fds) EXPECT_EQ(::close(fd.Release()), 0);
 }
 
 }  // namespace

@@ -28,11 +28,8 @@ class WriteReportTest : public testing::Test {
     std::shared_ptr<ResponseOutcome> Post(const Ref<FakeRequest>& request,
                                           bool clientGone = false) {
         auto outcome = std::make_shared<ResponseOutcome>();
-        {
-            Tessard::ReportWriteJob job{
-                logger, {}, request, MakeRef<FakeResponse>(outcome, clientGone), roller};
-            job();
-        }
+        TessardTest::RunToEnd(Tessard::ReportWriteJob{
+            logger, {}, request, MakeRef<FakeResponse>(outcome, clientGone), roller});
         return outcome;
     }
     Ref<FakeRequest> Body(const std::string& body) { return MakeRef<FakeRequest>("/cpu", body); }
@@ -51,8 +48,11 @@ TEST_F(WriteReportTest, StoresBodiesUpToTheLimitAndTruncatesBeyond) {
     EXPECT_EQ(ReadFile(tmp / "cpu-0.json"), "");
     EXPECT_TRUE(log.Has(LogLevel::Trivia, "Read end of HTTP body"));
 
+    // Bytes that arrive in odd pieces, the job suspended in between, are stored whole.
     std::string whole(kMaxReportSize, 'a');
-    EXPECT_EQ(Post(Body(whole))->deliveredCode, 200);
+    auto trickled = Body(whole);
+    trickled->InPiecesOf(333);
+    EXPECT_EQ(Post(trickled)->deliveredCode, 200);
     EXPECT_EQ(ReadFile(tmp / "cpu-1.json"), whole);
 
     auto tooLong = Body(whole + "b");
@@ -87,7 +87,7 @@ TEST_F(WriteReportTest, FailuresAnswerWhatTheClientMustSee) {
 
     // A client that vanishes mid-body: nothing becomes visible, the job ends by exception.
     auto broken = MakeRef<FakeRequest>("/cpu", std::string(4096, 'z'));
-    broken->FailAfter(1024);
+    broken->InPiecesOf(100).FailAfter(1000);
     std::shared_ptr<ResponseOutcome> outcome;
     EXPECT_THROW(outcome = Post(broken), Pelinor::IOException);
     EXPECT_EQ(ReadFile(tmp / "cpu-2.json"), "kept");

@@ -1,5 +1,11 @@
 #include "tests/support/fakes.h"
 
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/this_coro.hpp>
+#include <boost/asio/use_awaitable.hpp>
+
 #include "platform/exceptions.h"
 
 namespace TessardTest {
@@ -133,14 +139,32 @@ bool FakeRequest::GetContentLength(int64_t& length) const {
     return true;
 }
 
-int64_t FakeRequest::Read(char* buffer, size_t size) {
+FakeRequest& FakeRequest::InPiecesOf(size_t bytes) {
+    piece = bytes;
+    return *this;
+}
+
+Pelinor::Task<int64_t> FakeRequest::Read(char* buffer, size_t size) {
+    if (piece) {
+        co_await boost::asio::post(co_await boost::asio::this_coro::executor,
+                                   boost::asio::use_awaitable);
+        size = std::min(size, *piece);
+    }
     size_t offset = bytesRead;
     if (failAfter && offset >= *failAfter) throw Pelinor::IOException("client went away");
-    if (offset >= body.size()) return -1;
+    if (offset >= body.size()) co_return -1;
     size_t n = std::min(size, body.size() - offset);
     body.copy(buffer, n, offset);
     bytesRead += n;
-    return static_cast<int64_t>(n);
+    co_return static_cast<int64_t>(n);
+}
+
+void RunToEnd(const std::function<Pelinor::Task<void>()>& job) {
+    boost::asio::io_context loop;
+    std::exception_ptr failure;
+    boost::asio::co_spawn(loop, job, [&](std::exception_ptr e) { failure = e; });
+    loop.run();
+    if (failure) std::rethrow_exception(failure);
 }
 
 }  // namespace TessardTest

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -75,12 +76,15 @@ class FakeRequest : public Pelinor::Http::Request {
     FakeRequest& WithDeclaredLength(int64_t length);
     // Reads throw IOException once this many bytes have been handed out.
     FakeRequest& FailAfter(size_t bytes);
+    // Each read suspends first, as if waiting for the network, then hands out at most
+    // `bytes` bytes.
+    FakeRequest& InPiecesOf(size_t bytes);
 
     std::string GetMethod() const override { return "POST"; }
     void GetContentType(std::string& out) const override { out = contentType; }
     std::string GetUrl() const override { return url; }
     bool GetContentLength(int64_t& length) const override;
-    int64_t Read(char* buffer, size_t size) override;
+    Pelinor::Task<int64_t> Read(char* buffer, size_t size) override;
 
     std::atomic<size_t> bytesRead{0};
 
@@ -90,6 +94,10 @@ class FakeRequest : public Pelinor::Http::Request {
     const std::string contentType;
     std::optional<int64_t> declaredLength;
     std::optional<size_t> failAfter;
+    std::optional<size_t> piece;
 };
+
+// Runs a job to its end on a loop of the test's own and rethrows what it threw.
+void RunToEnd(const std::function<Pelinor::Task<void>()>& job);
 
 }  // namespace TessardTest
