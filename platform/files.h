@@ -47,8 +47,8 @@ class SystemFactory {
     virtual ~SystemFactory() = default;
 
     virtual Ref<File> CreateFile(const std::string& path) = 0;
-    // Opens a fresh file for writing (truncated, never through a symbolic link);
-    // `flags` is reserved and 0. Throws IOException.
+    // Creates a new file for writing, first removing whatever stands at the path (never
+    // writing through it); `flags` is reserved and 0. Throws IOException.
     virtual Ref<OutputStream> OpenForWrite(const std::string& path, int flags) = 0;
     virtual Ref<ServerSocket> CreateServerSocket() = 0;
 

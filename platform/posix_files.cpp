@@ -28,7 +28,8 @@ std::string DirectoryOf(const std::string& path) {
 
 class FdStream : public OutputStream {
   public:
-    explicit FdStream(int fd) : fd(fd), buffer(std::make_unique<char[]>(kStreamBufferSize)) {}
+    explicit FdStream(UniqueFd fd)
+        : fd(std::move(fd)), buffer(std::make_unique_for_overwrite<char[]>(kStreamBufferSize)) {}
 
     void Write(const void* data, size_t size) override {
         if (!fd) throw IOException("Write to a closed file");
@@ -132,9 +133,13 @@ class PosixFile : public File {
             return false;
         }
         // A new link under a hidden name, renamed over the old one: never a moment without it.
+        // A leftover at the hidden name (from a crash) is removed only when it is in the way.
         std::string temporary = directory + "." + linkPath.substr(directory.size()) + ".lnk";
-        ::unlink(temporary.c_str());
-        if (::symlink(target.c_str(), temporary.c_str()) != 0) return false;
+        if (::symlink(target.c_str(), temporary.c_str()) != 0 &&
+            (errno != EEXIST || ::unlink(temporary.c_str()) != 0 ||
+             ::symlink(target.c_str(), temporary.c_str()) != 0)) {
+            return false;
+        }
         if (::rename(temporary.c_str(), linkPath.c_str()) != 0) {
             int error = errno;
             ::unlink(temporary.c_str());
@@ -153,11 +158,16 @@ class PosixFactory : public SystemFactory {
     Ref<File> CreateFile(const std::string& path) override { return MakeRef<PosixFile>(path); }
 
     Ref<OutputStream> OpenForWrite(const std::string& path, int) override {
-        // O_NOFOLLOW: a link planted under a temporary name is never written through.
-        int fd =
-            ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode);
-        if (fd < 0) throw IOException(std::strerror(errno));
-        return MakeRef<FdStream>(fd);
+        // Always a new inode: whatever stands at the name (a leftover of a failed write, or
+        // a link, hard link, FIFO or device planted there) is removed, never written through
+        // or waited on. Removed only when it is in the way, so the common case is one call.
+        constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+        UniqueFd fd(::open(path.c_str(), kFlags, kFileMode));
+        if (!fd && errno == EEXIST && ::unlink(path.c_str()) == 0) {
+            fd = UniqueFd(::open(path.c_str(), kFlags, kFileMode));
+        }
+        if (!fd) throw IOException(std::strerror(errno));
+        return MakeRef<FdStream>(std::move(fd));
     }
 
     Ref<ServerSocket> CreateServerSocket() override { return MakePosixServerSocket(); }

@@ -20,7 +20,9 @@ const std::regex reportNamePattern(kReportNameRegex);
 ReportRoller::ReportRoller(const std::string& baseDirectory, const std::string& reportName,
                            int32_t maxReports, const Ref<Pelinor::Service::Logger>& logger)
     : baseDirectory(baseDirectory), reportName(reportName), maxReports(maxReports), logger(logger) {
-    if (!std::regex_match(reportName, reportNamePattern)) {
+    // A name beginning with "." is refused too: ".N-i.json" is the temporary file of N, so
+    // the name ".N" would share its files with N's.
+    if (!std::regex_match(reportName, reportNamePattern) || reportName.starts_with('.')) {
         throw Pelinor::InvalidArgumentException(
             Pelinor::Format("'%1' contains unexpected regex meta characters                   "
                             "(expected regex '%2')",
@@ -29,8 +31,10 @@ ReportRoller::ReportRoller(const std::string& baseDirectory, const std::string& 
     symlinkName = Pelinor::Format("%1%2%3", baseDirectory, reportName, ".json");
     Log(logger, LogLevel::Trivia, "Report symlink-name: %1", symlinkName);
 
-    // The name is inserted unescaped: each "." in it matches any one character.
-    reportFilePattern = std::regex("^" + reportName + "-" + "([0-9])" + "\\" + ".json" + "$");
+    // The name is inserted unescaped: each "." in it matches any one character. Compiled
+    // only for the one scan that needs it: a compiled pattern held by every name costs more
+    // than all the rest of the name's entry.
+    reportFilePattern = "^" + reportName + "-" + "([0-9])" + "\\" + ".json" + "$";
 
     if (!SystemFactory::sInstance->CreateFile(baseDirectory)->IsDirectory()) {
         Log(logger, LogLevel::Error, "Invalid directory: %1", baseDirectory);
@@ -48,12 +52,13 @@ int32_t ReportRoller::NextIndex() {
 
 void ReportRoller::FindLastIndex() {
     // Only regular report files count; the newest is the highest slot, whatever its age.
+    const std::regex pattern(reportFilePattern);
     for (const Ref<File>& entry :
          SystemFactory::sInstance->CreateFile(baseDirectory)->ListFiles()) {
         if (entry->IsDirectory() || entry->IsSymlink()) continue;
         std::smatch match;
         std::string name = entry->GetName();
-        if (!std::regex_match(name, match, reportFilePattern)) continue;
+        if (!std::regex_match(name, match, pattern)) continue;
         currentIndex = std::max(currentIndex, static_cast<int32_t>(match.str(1)[0] - '0'));
     }
     if (currentIndex >= maxReports) currentIndex = -1;
@@ -80,14 +85,16 @@ bool ReportRoller::CreateTempFile(Ref<Pelinor::System::OutputStream>& stream, Re
 }
 
 void ReportRoller::Rotate(const Ref<File>& file) {
-    if (!file->Exists()) {
-        Log(logger, LogLevel::Error, "File object not present: %1", file->ToString());
-        return;
-    }
     std::string target = baseDirectory + file->GetName().substr(1);
+    // Renamed first and asked about only on failure: the rename itself finds out whether the
+    // file is there, so the common case costs no extra look-up.
     Ref<File> renamed = file->Rename(target);
     if (!renamed) {
-        Log(logger, LogLevel::Error, "Failed to rename the file to %1", target);
+        if (!file->Exists()) {
+            Log(logger, LogLevel::Error, "File object not present: %1", file->ToString());
+        } else {
+            Log(logger, LogLevel::Error, "Failed to rename the file to %1", target);
+        }
         return;
     }
     // Replaces a missing entry or an older link in one step; a regular file is left alone.

@@ -12,7 +12,7 @@
 
 namespace Tessard {
 
-// Report names: letters, digits, "_", "." and "-", matched whole.
+// Report names: letters, digits, "_", "." and "-", matched whole; not beginning with ".".
 extern const std::regex reportNamePattern;
 
 class ReportRoller : public Pelinor::ObjectImpl {
@@ -37,8 +37,8 @@ class ReportRoller : public Pelinor::ObjectImpl {
     const std::string baseDirectory;
     const std::string reportName;
     const int32_t maxReports;
-    int32_t currentIndex = -1;  // slot handed out last; -1 until the first scan
-    std::regex reportFilePattern;
+    int32_t currentIndex = -1;      // slot handed out last; -1 until the first scan
+    std::string reportFilePattern;  // of this name's report files, for the restart scan
     std::string symlinkName;
     const Pelinor::Ref<Pelinor::Service::Logger> logger;
 };
