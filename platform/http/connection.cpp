@@ -24,11 +24,13 @@ using Service::Log;
 using Service::LogLevel;
 
 constexpr auto kAwait = net::as_tuple(net::use_awaitable);
-// An idle keep-alive connection keeps only this much buffer; the full one is taken when
-// the client speaks again.
-constexpr size_t kIdleReadBytes = 1024;
+// Taken when the client speaks again after an idle pause: room for a head and a small
+// report in one read.
+constexpr size_t kActiveBufferBytes = 4096;
 // Room past the head limit, so the parser reports an oversized head rather than a full buffer.
 constexpr size_t kHeadSlack = 1024;
+// The least a body read asks for, so that framing beyond the body is not read byte by byte.
+constexpr size_t kMinBodyRead = 512;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
 bool IsParseError(const beast::error_code& ec) {
@@ -49,7 +51,9 @@ Task<void> Connection::Run(std::shared_ptr<Connection> self) {
     try {
         // Written out step by step: GCC 12 mishandles co_await inside && and ||.
         for (;;) {
-            bool head = co_await self->AwaitHead();
+            bool spoke = co_await self->AwaitBytes();
+            if (!spoke) break;
+            bool head = co_await self->ReadHead();
             if (!head) break;
             bool keepAlive = co_await self->Exchange();
             if (!keepAlive) break;
@@ -61,18 +65,24 @@ Task<void> Connection::Run(std::shared_ptr<Connection> self) {
     self->core->Unregister(self.get());
 }
 
-Task<bool> Connection::AwaitHead() {
-    if (buffer.size() == 0) {
-        buffer.shrink_to_fit();
-        idle = true;
-        if (core->Stopping()) co_return false;
-        stream.expires_after(core->limits.idleTimeout);
-        auto [ec, n] = co_await stream.async_read_some(buffer.prepare(kIdleReadBytes), kAwait);
-        idle = false;
-        if (ec) co_return false;  // gone, idle for too long, or closed by Stop
-        buffer.commit(n);
-    }
-    buffer.reserve(buffer.max_size());
+// Kept apart from reading the head, with nothing else in its frame: an idle connection
+// holds no buffer while it waits, only the one byte it asks for.
+Task<bool> Connection::AwaitBytes() {
+    if (buffer.size() > 0) co_return true;  // pipelined: the next head has begun
+    buffer.shrink_to_fit();
+    idle = true;
+    if (core->Stopping()) co_return false;
+    stream.expires_after(core->limits.idleTimeout);
+    auto result = co_await stream.async_read_some(net::buffer(&firstByte, 1), kAwait);
+    idle = false;
+    if (std::get<0>(result)) co_return false;  // gone, idle for too long, or closed by Stop
+    buffer.reserve(kActiveBufferBytes);
+    net::buffer_copy(buffer.prepare(1), net::buffer(&firstByte, 1));
+    buffer.commit(1);
+    co_return true;
+}
+
+Task<bool> Connection::ReadHead() {
     parser = std::make_unique<Parser>();
     parser->header_limit(static_cast<uint32_t>(core->limits.maxHeaderBytes));
     // How much body is acceptable is the handler's call, made from Content-Length.

@@ -39,7 +39,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   private:
     using Parser = boost::beast::http::request_parser<boost::beast::http::buffer_body>;
 
-    Task<bool> AwaitHead();
+    Task<bool> AwaitBytes();
+    Task<bool> ReadHead();
     Task<bool> Exchange();
     Task<void> Linger();
     void Dispatch(const Ref<Request>& request, const Ref<Response>& response);
@@ -56,6 +57,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     std::optional<Message> answer;
     uint64_t exchange = 0;
     bool idle = false;
+    char firstByte = 0;  // what an idle connection reads into
     bool closed = false;
     bool expectContinue = false;
     bool continueSent = false;
