@@ -11,13 +11,18 @@ using Pelinor::Service::LogLevel;
 
 void WriteReport(const Ref<Pelinor::Http::Request>& request,
                  const Ref<Pelinor::Http::Response>& response, const Ref<ReportRoller>& roller,
-                 const Ref<Pelinor::Service::Logger>& logger) {
+                 const Ref<Pelinor::Service::Logger>& logger, const ReportOutcomeObserver& observer,
+                 const std::string& reportName) {
+    auto tell = [&](ResponseCode code, int64_t size) {
+        if (observer) observer({reportName, code.code, size, std::chrono::system_clock::now()});
+    };
     Ref<Pelinor::System::OutputStream> stream;
     Ref<Pelinor::System::File> file;
     if (!roller->CreateTempFile(stream, file)) {
         Log(logger, LogLevel::Error, "Creation of report failed");
         // Not sent here: the response goes out with this code once it is released.
         response->SetResponseCode(ResponseCode::InternalServerError);
+        tell(ResponseCode::InternalServerError, 0);
         return;
     }
 
@@ -42,6 +47,7 @@ void WriteReport(const Ref<Pelinor::Http::Request>& request,
     roller->Rotate(file);
 
     response->SetResponseCode(code);
+    tell(code, code == ResponseCode::Ok ? byteCount : 0);
     try {
         response->Send();
     } catch (const Pelinor::IOException& e) {

@@ -5,6 +5,7 @@
 
 #include "platform/http.h"
 #include "platform/logging.h"
+#include "report/report_outcome.h"
 #include "report/report_roller.h"
 
 namespace Tessard {
@@ -17,7 +18,8 @@ constexpr int64_t kMaxReportSize = 1048576;
 void WriteReport(const Pelinor::Ref<Pelinor::Http::Request>& request,
                  const Pelinor::Ref<Pelinor::Http::Response>& response,
                  const Pelinor::Ref<ReportRoller>& roller,
-                 const Pelinor::Ref<Pelinor::Service::Logger>& logger);
+                 const Pelinor::Ref<Pelinor::Service::Logger>& logger,
+                 const ReportOutcomeObserver& observer = {}, const std::string& reportName = {});
 
 // The queued work item. It keeps everything it touches alive until the queue destroys
 // it, and releases the references in the order roller, response, request, handler.
@@ -27,8 +29,12 @@ struct ReportWriteJob {
     Pelinor::Ref<Pelinor::Http::Request> request;
     Pelinor::Ref<Pelinor::Http::Response> response;
     Pelinor::Ref<ReportRoller> roller;
+    ReportOutcomeObserver observer = {};
+    std::string reportName = {};
 
-    void operator()() const { WriteReport(request, response, roller, logger); }
+    void operator()() const {
+        WriteReport(request, response, roller, logger, observer, reportName);
+    }
 };
 
 }  // namespace Tessard
