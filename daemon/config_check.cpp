@@ -177,7 +177,7 @@ int RunConfigCheck(std::ostream& out) {
             << (std::to_string(plan.firstRun.count()) + "s") << plan.memoryLimitMb << " MiB\n";
     }
     if (launcher->Plans().empty()) out << "  (no plugin)\n";
-    out << (problemCount == 0 ? "No problems.\n" : std::to_string(problemCount) + " problem(s).\n");
+    out << (problemCount == 0 ? "No problems.\n" : "Problems found.\n");
     return problemCount == 0 ? 0 : 1;
 }
 

@@ -114,7 +114,7 @@ int main(int argc, char** argv) {
         Pelinor::Service::InitApp(Pelinor::System::RootedPath(kConfigFilePath));
     } catch (const std::exception& e) {
         if (action == 'C') {
-            std::cout << "Configuration: " << e.what() << "\n1 problem(s).\n";
+            std::cout << "Configuration: " << e.what() << "\nProblems found.\n";
             return kExitFailure;
         }
         std::cerr << "Initializing Pelinor failed: " << e.what() << '\n';

@@ -3,6 +3,8 @@
 set -euo pipefail
 packages=(cmake ninja-build g++ libboost1.81-dev rapidjson-dev libgtest-dev libgmock-dev curl)
 if [ "${TESSARD_SANITIZERS:-0}" = 1 ]; then packages+=(clang libclang-rt-14-dev); fi
+# The demo reads the status file with jq.
+if [ "${TESSARD_DEMO:-0}" = 1 ]; then packages+=(jq); fi
 # The Debian package (scripts/package.sh), its check, and the alert rules' check.
 if [ "${TESSARD_PACKAGING:-0}" = 1 ]; then packages+=(debhelper dpkg-dev lintian prometheus); fi
 missing=()
