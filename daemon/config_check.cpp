@@ -1,9 +1,11 @@
 #include "daemon/config_check.h"
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <iomanip>
 #include <optional>
+#include <set>
 
 #include "http/endpoint.h"
 #include "platform/app.h"
@@ -89,10 +91,13 @@ std::string ValueProblem(Kind kind, const std::string& value) {
     return "";
 }
 
-// Problems of the plugin descriptions, as the launcher logs them.
+// Problems of the plugin descriptions, as the launcher logs them, and the plugins that the
+// configuration disables.
 class ProblemSink : public Pelinor::Service::LogSink {
   public:
     void Write(LogLevel level, std::string_view logger, std::string_view message) override {
+        constexpr std::string_view kDisabled = "Plugin disabled by configuration: ";
+        if (message.starts_with(kDisabled)) disabled.emplace(message.substr(kDisabled.size()));
         if (level > LogLevel::Warning) return;
         // The configuration's own problems are listed with their lines already.
         if (message.starts_with("Configur") || message.starts_with("httpPort not present")) return;
@@ -100,7 +105,24 @@ class ProblemSink : public Pelinor::Service::LogSink {
                         std::string(logger) + ": " + std::string(message));
     }
     std::vector<std::string> lines;
+    std::set<std::string> disabled;
 };
+
+// Overrides of a plugin that no description names: usually a misspelt name.
+std::vector<ConfigProblem> OverridesOfNoPlugin(const Config& config, std::set<std::string> known) {
+    std::vector<ConfigProblem> problems;
+    for (const Config::Entry& entry : config.Entries()) {
+        auto kind = Classify(entry.key);
+        if (kind != Kind::Enabled && kind != Kind::Frequency && kind != Kind::PluginLogLevel)
+            continue;
+        size_t start = kOverridesPrefix.size();
+        std::string name = entry.key.substr(start, entry.key.rfind('/') - start);
+        if (!known.contains(name))
+            problems.push_back({entry.key, config.Origin() + ":" + std::to_string(entry.line),
+                                "no plugin description names " + name});
+    }
+    return problems;
+}
 
 // An element left empty, such as <pluginOverrides> with every override commented out.
 bool IsEmptySection(const Config::Entry& entry) {
@@ -146,17 +168,13 @@ std::vector<ConfigProblem> CheckConfig(const Config& config) {
 int RunConfigCheck(std::ostream& out) {
     Pelinor::Ref<Config> config;
     Pelinor::Service::GetApp().GetConfig(config);
-    size_t problemCount = 0;
-    out << "Configuration " << config->Origin() << "\n";
-    for (const ConfigProblem& p : CheckConfig(*config)) {
-        out << "  " << p.where << ": " << p.key << ": " << p.text << "\n";
-        ++problemCount;
-    }
 
-    std::string descriptions = Pelinor::System::RootedPath(kPluginConfigDir);
-    out << "Plugin descriptions " << descriptions << "\n";
+    // Loaded as at start, with the launcher's lines caught rather than logged.
     ProblemSink sink;
     auto launcher = std::make_shared<PluginLauncher>();
+    auto& logger = *Pelinor::Service::Logger::sDefaultLogger;
+    LogLevel level = logger.GetLevel();
+    logger.SetLevel(std::max(level, LogLevel::Info));
     Pelinor::Service::LogSink* previous = Pelinor::Service::SetLogSink(&sink);
     try {
         launcher->Load();
@@ -164,21 +182,33 @@ int RunConfigCheck(std::ostream& out) {
         sink.lines.push_back(std::string("error: ") + e.what());
     }
     Pelinor::Service::SetLogSink(previous);
+    logger.SetLevel(level);
+    std::vector<PluginPlan> plans = launcher->Plans();
+
+    std::vector<ConfigProblem> problems = CheckConfig(*config);
+    std::set<std::string> known = sink.disabled;
+    for (const PluginPlan& plan : plans) known.insert(plan.name);
+    for (ConfigProblem& problem : OverridesOfNoPlugin(*config, known))
+        problems.push_back(std::move(problem));
+    out << "Configuration " << config->Origin() << "\n";
+    for (const ConfigProblem& p : problems)
+        out << "  " << p.where << ": " << p.key << ": " << p.text << "\n";
+    out << "Plugin descriptions " << Pelinor::System::RootedPath(kPluginConfigDir) << "\n";
     for (const std::string& line : sink.lines) out << "  " << line << "\n";
-    problemCount += sink.lines.size();
 
     out << "Would schedule\n";
     out << "  " << std::left << std::setw(24) << "PLUGIN" << std::setw(10) << "CATEGORY"
         << std::setw(10) << "PERIOD" << std::setw(11) << "FIRST RUN"
         << "MEMORY\n";
-    for (const PluginPlan& plan : launcher->Plans()) {
+    for (const PluginPlan& plan : plans) {
         out << "  " << std::setw(24) << plan.name << std::setw(10) << plan.category << std::setw(10)
             << (std::to_string(plan.period.count()) + "s") << std::setw(11)
             << (std::to_string(plan.firstRun.count()) + "s") << plan.memoryLimitMb << " MiB\n";
     }
-    if (launcher->Plans().empty()) out << "  (no plugin)\n";
-    out << (problemCount == 0 ? "No problems.\n" : "Problems found.\n");
-    return problemCount == 0 ? 0 : 1;
+    if (plans.empty()) out << "  (no plugin)\n";
+    bool clean = problems.empty() && sink.lines.empty();
+    out << (clean ? "No problems.\n" : "Problems found.\n");
+    return clean ? 0 : 1;
 }
 
 }  // namespace Tessard

@@ -178,6 +178,8 @@ int main(int argc, char** argv) {
         publisher.Tick(Tessard::Clock::now());
         app.Run(hooks);
         endpoint.Reset();  // stops the HTTP service
+        board.OnStopped(Tessard::Clock::now());
+        publisher.Tick(Tessard::Clock::now());
     } catch (const std::exception& e) {
         Log(gLogger, LogLevel::Error, "Exiting due to exception: %1", e.what());
         Pelinor::System::QuickExit(kExitFailure);

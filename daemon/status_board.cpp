@@ -183,6 +183,12 @@ void StatusBoard::OnPool(const PoolFigures& figures) {
     pool = figures;
 }
 
+void StatusBoard::OnStopped(Clock::time_point at) {
+    std::lock_guard lock(mutex);
+    stopped = at;
+    changed = true;
+}
+
 bool StatusBoard::TakeChanged() {
     std::lock_guard lock(mutex);
     return std::exchange(changed, false);
@@ -203,6 +209,7 @@ std::string StatusBoard::Json(Clock::time_point now) const {
     json.Int(daemon.pid);
     Time(json, "started", daemon.started);
     Time(json, "updated", now);
+    Time(json, "stopped", stopped);
     json.EndObject();
 
     json.Key("reports");

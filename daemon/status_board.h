@@ -38,6 +38,8 @@ class StatusBoard {
     void OnStarted(const std::string& name, Clock::time_point at);
     void OnOutcome(const PluginRunOutcome& outcome);
     void OnPool(const PoolFigures& pool);
+    // The last status of an orderly stop says so.
+    void OnStopped(Clock::time_point at);
 
     // True once after every change.
     bool TakeChanged();
@@ -64,6 +66,7 @@ class StatusBoard {
     uint64_t untrackedReports = 0;
     std::map<std::string, PluginState> plugins;
     PoolFigures pool;
+    std::optional<Clock::time_point> stopped;
     bool changed = true;
 };
 

@@ -72,7 +72,10 @@ void PrintTable(const rapidjson::Document& status, std::ostream& out) {
     out << "tessard " << Text(Member(daemon, "version")) << " (build "
         << Text(Member(daemon, "build")) << "), pid " << Text(Member(daemon, "pid")) << ", started "
         << Text(Member(daemon, "started")) << ", status of " << Text(Member(daemon, "updated"))
-        << "\n\n";
+        << "\n";
+    if (Member(daemon, "stopped").IsString())
+        out << "STOPPED at " << Text(Member(daemon, "stopped")) << ": these are its last figures\n";
+    out << "\n";
 
     out << std::left << std::setw(24) << "REPORT" << std::setw(22) << "LAST" << std::setw(10)
         << "SIZE"

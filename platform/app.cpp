@@ -137,7 +137,6 @@ void App::Run(const RunHooks& hooks) {
         }
     }
     NotifySupervisor("STOPPING=1");
-    if (hooks.tick) hooks.tick();
 }
 
 }  // namespace Pelinor::Service

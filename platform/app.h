@@ -34,7 +34,7 @@ bool ApplyLogLevel(const Config& config);
 // What Run() does besides waiting for the stop signals.
 struct RunHooks {
     std::function<void()> reload;  // on SIGHUP
-    std::function<void()> tick;    // every tickPeriod, and once more before Run() returns
+    std::function<void()> tick;    // every tickPeriod
     std::chrono::milliseconds tickPeriod{1000};
 };
 

@@ -70,13 +70,14 @@ TEST(OperatorE2E, CheckConfigShowsEveryProblemWithItsLineAndTheSchedule) {
         {"broken",
          "<config>\n<httpPort>99x</httpPort>\n<pluginOverides><a><enabled>no</enabled></a>"
          "</pluginOverides>\n<pluginOverrides><rpSizeMb>900</rpSizeMb>\n<a><enabled>maybe</enabled>"
-         "</a></pluginOverrides>\n</config>\n",
+         "</a><dsk><loglevel>info</loglevel></dsk></pluginOverrides>\n</config>\n",
          "{\"path\": ",
          1,
          {"config.xml:2: httpPort: '99x' is not an integer: the default 9996 is used\n",
           "config.xml:3: pluginOverides/a/enabled: unknown key, ignored\n",
           "config.xml:4: pluginOverrides/rpSizeMb: '900' is outside 41 to 500: ignored\n",
           "config.xml:5: pluginOverrides/a/enabled: 'maybe' is not a boolean: ignored\n",
+          "config.xml:5: pluginOverrides/dsk/loglevel: no plugin description names dsk\n",
           "broken.json\n", "  a                       slow", "Problems found.\n"}},
         {"malformed", "<config><httpPort>1</config", "", 1, {"Malformed configuration "}},
     };
@@ -176,12 +177,14 @@ TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
     for (std::string line; std::getline(lines, line);)
         EXPECT_TRUE(line.starts_with("# ") || std::regex_match(line, sample)) << line;
 
-    auto [code, table] =
-        RunCommand("TESSARD_ROOT=" + daemon.Root() + " " + daemon.Binary() + " status");
+    const std::string statusCommand =
+        "TESSARD_ROOT=" + daemon.Root() + " " + daemon.Binary() + " status";
+    auto [code, table] = RunCommand(statusCommand);
     EXPECT_EQ(code, 0) << table;
     EXPECT_NE(table.find("\nload "), std::string::npos) << table;
     EXPECT_NE(table.find("\nb "), std::string::npos) << table;
     EXPECT_EQ(daemon.Terminate(), 0);
+    EXPECT_NE(RunCommand(statusCommand).second.find("\nSTOPPED at "), std::string::npos);
 }
 
 }  // namespace
