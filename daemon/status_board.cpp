@@ -4,6 +4,9 @@
 #include <rapidjson/stringbuffer.h>
 
 #include <cstdio>
+#include <regex>
+
+#include "report/report_roller.h"
 
 namespace Tessard {
 
@@ -127,10 +130,13 @@ int ExitCode(const PluginRunOutcome& outcome) {
 StatusBoard::StatusBoard(DaemonFigures daemon) : daemon(std::move(daemon)) {}
 
 void StatusBoard::OnReport(const ReportOutcome& outcome) {
+    // Names the daemon refuses are any bytes a client sent: counted, never shown.
+    bool valid =
+        !outcome.name.starts_with('.') && std::regex_match(outcome.name, reportNamePattern);
     std::lock_guard lock(mutex);
     auto found = reports.find(outcome.name);
     if (found == reports.end()) {
-        if (reports.size() >= kMaxTrackedReportNames) {
+        if (!valid || reports.size() >= kMaxTrackedReportNames) {
             ++untrackedReports;
             changed = true;
             return;
@@ -324,7 +330,7 @@ std::string StatusBoard::Prometheus(Clock::time_point now) const {
             m.Sample("tessard_reports_total", {{"name", name}, {"code", std::to_string(code)}},
                      static_cast<double>(count));
     m.Family("tessard_reports_untracked_total", "counter",
-             "Report requests of names beyond the tracked number.");
+             "Report requests of refused names or of names beyond the tracked number.");
     m.Sample("tessard_reports_untracked_total", {}, static_cast<double>(untrackedReports));
 
     m.Family("tessard_plugin_period_seconds", "gauge", "Period of each scheduled plugin.");

@@ -18,7 +18,8 @@ namespace Tessard {
 
 using Clock = std::chrono::system_clock;
 
-// Report names are chosen by clients: beyond this many, new names are only counted.
+// Report names are chosen by clients: beyond this many, new names are only counted, as are
+// names the daemon refuses.
 constexpr size_t kMaxTrackedReportNames = 512;
 
 struct DaemonFigures {

@@ -32,7 +32,8 @@ TEST(StatusBoard, OutcomesBecomeStatusAndMetrics) {
     }
     board.OnReport({"disk", 200, 310, t0 + 1s});
     board.OnReport({"disk", 500, 0, t0 + 2s});
-    board.OnReport({"a\"b", 400, 0, t0});
+    board.OnReport({"a-b", 400, 0, t0});
+    board.OnReport({"a\"b", 500, 0, t0});
     EXPECT_TRUE(board.TakeChanged());
     EXPECT_FALSE(board.TakeChanged());
 
@@ -52,7 +53,7 @@ TEST(StatusBoard, OutcomesBecomeStatusAndMetrics) {
     std::string metrics = board.Prometheus(t0 + 3s);
     for (const char* line : {
              "tessard_report_last_seconds{name=\"disk\"} 1800000001\n",
-             "tessard_reports_total{name=\"a\\\"b\",code=\"400\"} 1\n",
+             "tessard_reports_total{name=\"a-b\",code=\"400\"} 1\n",
              "tessard_plugin_last_exit{plugin=\"sig\"} 143\n",
              "tessard_plugin_oom_kills_total{plugin=\"oom\"} 1\n",
              "tessard_plugin_oom_kills_total{plugin=\"sig\"} 0\n",
@@ -63,12 +64,13 @@ TEST(StatusBoard, OutcomesBecomeStatusAndMetrics) {
         EXPECT_NE(metrics.find(line), std::string::npos) << line << metrics;
     }
 
-    // Names beyond the limit are counted, not tracked: clients cannot grow the file unbounded.
+    // Refused names and names beyond the limit are counted, not tracked: clients cannot grow
+    // the file unbounded.
     for (size_t i = 0; i < Tessard::kMaxTrackedReportNames; ++i)
         board.OnReport({"n" + std::to_string(i), 200, 1, t0});
     status.Parse(board.Json(t0).c_str());
     EXPECT_EQ(status["reports"].Size(), Tessard::kMaxTrackedReportNames);
-    EXPECT_EQ(status["untrackedReports"].GetInt(), 2);
+    EXPECT_EQ(status["untrackedReports"].GetInt(), 3);
 }
 
 }  // namespace
