@@ -37,7 +37,8 @@ void Endpoint::Start(const Ref<Pelinor::Service::Config>& configuration,
     Ref<Pelinor::System::ServerSocket> socket =
         Pelinor::System::SystemFactory::sInstance->CreateServerSocket();
     socket->Listen(kListenHost, port);
-    Ref<Pelinor::Http::RequestHandler> handler = Pelinor::MakeRef<TessardHandler>(reportDirectory);
+    Ref<Pelinor::Http::RequestHandler> handler =
+        Pelinor::MakeRef<TessardHandler>(reportDirectory, reportObserver);
 
     httpService = Pelinor::Http::CreateHttpSvc(
         socket, logger, Pelinor::Http::GetDefaultResponseHeadersDefinitions());

@@ -6,6 +6,7 @@
 
 #include "platform/config.h"
 #include "platform/http.h"
+#include "report/report_outcome.h"
 
 namespace Tessard {
 
@@ -24,6 +25,8 @@ class Endpoint : public Pelinor::ObjectImpl {
     Endpoint();
     ~Endpoint() override;  // stops the HTTP service
 
+    // Told of every answered request whose report name is known; set before Start.
+    void SetReportObserver(ReportOutcomeObserver observer) { reportObserver = std::move(observer); }
     // Listens, installs the upload handler and starts serving; throws on failure.
     void Start(const Pelinor::Ref<Pelinor::Service::Config>& configuration,
                const std::string& reportDirectory);
@@ -31,6 +34,7 @@ class Endpoint : public Pelinor::ObjectImpl {
   private:
     Pelinor::Ref<Pelinor::Http::HttpService> httpService;
     Pelinor::Ref<Pelinor::Service::Logger> logger;
+    ReportOutcomeObserver reportObserver;
 };
 
 }  // namespace Tessard

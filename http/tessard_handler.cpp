@@ -22,11 +22,12 @@ constexpr int32_t kMaxReports = 3;
 constexpr int32_t kBacklogWarning = 16;
 }  // namespace
 
-TessardHandler::TessardHandler(const std::string& reportDirectory)
+TessardHandler::TessardHandler(const std::string& reportDirectory, ReportOutcomeObserver observer)
     : RequestHandlerMixin(Logger::sDefaultLogger),
       exclusiveLock(Pelinor::ExclLock::Create(kLockName, kLockRank)),
       logger(Logger::CreateLogger(Logger::sDefaultLogger, "TessardHandler")),
-      reportDirectory(reportDirectory) {
+      reportDirectory(reportDirectory),
+      observer(std::move(observer)) {
     if (!exclusiveLock) Pelinor::Panic("Cannot create the lock %1", kLockName);
     Log(logger, LogLevel::Info, "Tessard handler initialized");
 }
@@ -48,20 +49,24 @@ void TessardHandler::HandlePost(const Ref<Pelinor::Http::Request>& request,
         response->Answer(ResponseCode::BadRequest);
         return;
     }
+    auto slash = url.rfind('/');
+    std::string reportName = slash == std::string::npos ? url : url.substr(slash + 1);
+    auto refuse = [&](ResponseCode code) {
+        if (observer) observer({reportName, code.code, 0, std::chrono::system_clock::now()});
+        response->Answer(code);
+    };
     int64_t contentLength = 0;
     if (!request->GetContentLength(contentLength)) {
         Log(logger, LogLevel::Error, "Report length header required");
-        response->Answer(ResponseCode::LengthRequired);
+        refuse(ResponseCode::LengthRequired);
         return;
     }
     if (contentLength > kMaxReportSize) {
         Log(logger, LogLevel::Error, "Report too large: %1", contentLength);
-        response->Answer(ResponseCode::RequestEntityTooLarge);
+        refuse(ResponseCode::RequestEntityTooLarge);
         return;
     }
     Log(logger, LogLevel::Verbose, "Report Name: %1", url);
-    auto slash = url.rfind('/');
-    std::string reportName = slash == std::string::npos ? url : url.substr(slash + 1);
     Log(logger, LogLevel::Info, "Report Path: %1", reportDirectory + reportName);
 
     Ref<ReportRoller> roller;
@@ -80,7 +85,7 @@ void TessardHandler::HandlePost(const Ref<Pelinor::Http::Request>& request,
             } catch (const Pelinor::Exception& e) {
                 Log(logger, LogLevel::Error, "Error opening directory %1: %2", reportDirectory,
                     e.what());
-                response->Answer(ResponseCode::InternalServerError);
+                refuse(ResponseCode::InternalServerError);
                 return;
             }
             Pelinor::System::GetThreadPool().CreateWorkQueue(
@@ -91,7 +96,7 @@ void TessardHandler::HandlePost(const Ref<Pelinor::Http::Request>& request,
         }
     }
     workQueue->Enqueue(ReportWriteJob{logger, Ref<Pelinor::ObjectImpl>(this), request, response,
-                                      std::move(roller)});
+                                      std::move(roller), observer, reportName});
 }
 
 }  // namespace Tessard

@@ -9,13 +9,15 @@
 #include "platform/http.h"
 #include "platform/lock.h"
 #include "platform/thread_pool.h"
+#include "report/report_outcome.h"
 #include "report/report_roller.h"
 
 namespace Tessard {
 
 class TessardHandler : public Pelinor::Http::RequestHandlerMixin {
   public:
-    explicit TessardHandler(const std::string& reportDirectory);
+    explicit TessardHandler(const std::string& reportDirectory,
+                            ReportOutcomeObserver observer = {});
     ~TessardHandler() override;
 
     void HandlePost(const Pelinor::Ref<Pelinor::Http::Request>& request,
@@ -32,6 +34,7 @@ class TessardHandler : public Pelinor::Http::RequestHandlerMixin {
     std::unique_ptr<Pelinor::ExclLock> exclusiveLock;  // guards reportRegistry
     Pelinor::Ref<Pelinor::Service::Logger> logger;
     const std::string reportDirectory;
+    const ReportOutcomeObserver observer;
 };
 
 }  // namespace Tessard

@@ -1,13 +1,16 @@
 #include "platform/app.h"
 
+#include <getopt.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "platform/exceptions.h"
 
@@ -22,12 +25,24 @@ AppInfo& RegisteredInfo() {
     return info;
 }
 
-sigset_t StopSignals() {
+// Run() waits for these; every other thread has them blocked.
+sigset_t RunSignals() {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGHUP);
     return set;
+}
+
+// Signals that would end the daemon by default but mean nothing to it: a stray
+// `kill -USR1` or a write to a closed socket must not stop a service.
+constexpr int kIgnoredSignals[] = {SIGUSR1, SIGUSR2, SIGPIPE};
+
+timespec ToTimespec(std::chrono::milliseconds period) {
+    auto seconds = std::chrono::duration_cast<std::chrono::seconds>(period);
+    return {static_cast<time_t>(seconds.count()),
+            static_cast<long>(std::chrono::nanoseconds(period - seconds).count())};
 }
 
 // The sd_notify(3) datagram, sent only when a supervisor asked for it.
@@ -58,28 +73,44 @@ void SetAppInfo(const AppInfo& info) {
     RegisteredInfo() = info;
 }
 
+const AppInfo& GetAppInfo() {
+    return RegisteredInfo();
+}
+
 void InitApp(const std::string& configPath) {
-    // Threads started from here on inherit the mask, so only Run() sees the stop signals.
-    sigset_t stop = StopSignals();
-    if (int error = pthread_sigmask(SIG_BLOCK, &stop, nullptr); error != 0) {
+    for (int signal : kIgnoredSignals) {
+        struct sigaction action {};
+        action.sa_handler = SIG_IGN;
+        sigemptyset(&action.sa_mask);
+        if (::sigaction(signal, &action, nullptr) != 0) {
+            throw SystemError("Cannot ignore a signal in", RegisteredInfo().name, errno);
+        }
+    }
+    // Threads started from here on inherit the mask, so only Run() sees these signals.
+    sigset_t waited = RunSignals();
+    if (int error = pthread_sigmask(SIG_BLOCK, &waited, nullptr); error != 0) {
         throw SystemError("Cannot block the stop signals of", RegisteredInfo().name, error);
     }
     // Validates $TESSARD_TIME_SCALE before anything is scheduled.
     System::Scheduler::Real();
     App& app = GetApp();
+    app.configPath = configPath;
     app.config = Config::Load(configPath);
     app.logger = Logger::CreateLogger(Logger::sDefaultLogger, RegisteredInfo().name);
-
     std::string levelText;
-    if (app.config->GetString(kLogLevelKey, levelText)) {
-        LogLevel level;
-        if (ParseLevel(levelText, level)) {
-            Logger::sDefaultLogger->SetLevel(level);
-        } else {
-            Log(Logger::sDefaultLogger, LogLevel::Warning,
-                "Configuration key %1 has an invalid value: '%2'", kLogLevelKey, levelText);
-        }
+    if (app.config->GetString(kLogLevelKey, levelText)) ApplyLogLevel(*app.config);
+}
+
+bool ApplyLogLevel(const Config& config) {
+    std::string levelText;
+    LogLevel level = LogLevel::Info;
+    bool valid = true;
+    if (config.GetString(kLogLevelKey, levelText) && !ParseLevel(levelText, level)) {
+        config.ReportInvalid(kLogLevelKey, levelText);
+        valid = false;
     }
+    if (valid) Logger::sDefaultLogger->SetLevel(level);
+    return valid;
 }
 
 App& GetApp() {
@@ -87,13 +118,24 @@ App& GetApp() {
     return app;
 }
 
-void App::Run() {
+void App::Run(const RunHooks& hooks) {
     NotifySupervisor("READY=1");
-    sigset_t stop = StopSignals();
-    int received = 0;
-    while (sigwait(&stop, &received) != 0) {
+    sigset_t waited = RunSignals();
+    const timespec tick = ToTimespec(hooks.tickPeriod);
+    for (;;) {
+        int received = ::sigtimedwait(&waited, nullptr, &tick);
+        if (received == SIGHUP) {
+            Log(logger, LogLevel::Info, "Reloading on signal %1", received);
+            NotifySupervisor("RELOADING=1");
+            if (hooks.reload) hooks.reload();
+            NotifySupervisor("READY=1");
+        } else if (received > 0) {
+            Log(logger, LogLevel::Verbose, "Stopping on signal %1", received);
+            break;
+        } else if (hooks.tick) {  // the period elapsed (or EINTR)
+            hooks.tick();
+        }
     }
-    Log(logger, LogLevel::Verbose, "Stopping on signal %1", received);
     NotifySupervisor("STOPPING=1");
 }
 
@@ -123,13 +165,30 @@ std::string ErrorText(int error) {
 }
 
 bool ForEachOption(int argc, char** argv, const char* options,
+                   const std::vector<LongOption>& longOptions,
                    const std::function<void(char, const char*)>& onOption) {
+    std::vector<option> table;
+    for (const LongOption& o : longOptions)
+        table.push_back({o.name, no_argument, nullptr, o.letter});
+    table.push_back({});
     optind = 1;
-    for (int c; (c = ::getopt(argc, argv, options)) != -1;) {
+    for (int c; (c = ::getopt_long(argc, argv, options, table.data(), nullptr)) != -1;) {
         if (c == '?' || c == ':') return false;
         onOption(static_cast<char>(c), optarg);
     }
     return true;
+}
+
+std::string DirectoryProblem(const std::string& path) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) return std::strerror(errno);
+    if (!S_ISDIR(st.st_mode)) return std::strerror(ENOTDIR);
+    if (::access(path.c_str(), W_OK | X_OK) != 0) return std::strerror(errno);
+    return "";
+}
+
+int ProcessId() {
+    return static_cast<int>(::getpid());
 }
 
 }  // namespace Pelinor::System

@@ -2,6 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+// The parser behind read_xml, used once more for what the tree drops: line numbers.
+#include <boost/property_tree/detail/rapidxml.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <boost/property_tree/xml_parser.hpp>
 #include <cctype>
@@ -19,6 +22,8 @@ namespace pt = boost::property_tree;
 
 struct Config::Tree {
     pt::ptree root;  // the children of <config>
+    std::string origin;
+    std::vector<Config::Entry> entries;
 };
 
 namespace {
@@ -33,7 +38,41 @@ std::string_view Trim(std::string_view text) {
     return text;
 }
 
-bool ParseInt(std::string_view text, int32_t& out) {
+namespace rx = pt::detail::rapidxml;
+
+// Leaf elements below `node` with their lines; `text` is the buffer the parser ran over.
+void CollectEntries(const rx::xml_node<char>* node, const std::string& prefix, const char* text,
+                    const pt::ptree& root, std::vector<Config::Entry>& out) {
+    for (auto* child = node->first_node(); child != nullptr; child = child->next_sibling()) {
+        if (child->type() != rx::node_element) continue;
+        std::string key = prefix + std::string(child->name(), child->name_size());
+        bool leaf = true;
+        for (auto* grand = child->first_node(); grand != nullptr; grand = grand->next_sibling())
+            leaf = leaf && grand->type() != rx::node_element;
+        if (!leaf) {
+            CollectEntries(child, key + "/", text, root, out);
+            continue;
+        }
+        int line =
+            1 + static_cast<int>(std::count(text, static_cast<const char*>(child->name()), '\n'));
+        auto value = root.get_optional<std::string>(pt::ptree::path_type(key, '/'));
+        out.push_back({key, value ? *value : std::string(), line});
+    }
+}
+
+std::vector<Config::Entry> IndexLines(std::string text, const pt::ptree& root) {
+    std::vector<Config::Entry> entries;
+    text.push_back('\0');
+    rx::xml_document<char> document;
+    document.parse<rx::parse_non_destructive>(text.data());
+    if (auto* top = document.first_node(kRootElement.data(), kRootElement.size()))
+        CollectEntries(top, "", text.data(), root, entries);
+    return entries;
+}
+
+}  // namespace
+
+bool Config::ParseInt(std::string_view text, int32_t& out) {
     text = Trim(text);
     if (!text.empty() && text.front() == '+') text.remove_prefix(1);
     if (text.empty() || text.front() == '+') return false;
@@ -44,7 +83,7 @@ bool ParseInt(std::string_view text, int32_t& out) {
     return true;
 }
 
-bool ParseBool(std::string_view text, bool& out) {
+bool Config::ParseBool(std::string_view text, bool& out) {
     std::string lower(Trim(text));
     for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     if (lower == "true" || lower == "yes" || lower == "1") {
@@ -57,15 +96,15 @@ bool ParseBool(std::string_view text, bool& out) {
     return true;
 }
 
-void LogInvalid(const std::string& key, const std::string& text) {
-    Log(Logger::sDefaultLogger, LogLevel::Warning,
-        "Configuration key %1 has an invalid value: '%2'", key, text);
-}
+namespace {
 
 Ref<Config> FromStream(std::istream& in, const std::string& origin) {
+    std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    std::istringstream parsed(text);
     pt::ptree document;
     try {
-        pt::read_xml(in, document, pt::xml_parser::no_comments | pt::xml_parser::trim_whitespace);
+        pt::read_xml(parsed, document,
+                     pt::xml_parser::no_comments | pt::xml_parser::trim_whitespace);
     } catch (const pt::xml_parser_error& e) {
         throw Exception("Malformed configuration " + origin + ": " + e.what());
     }
@@ -77,6 +116,12 @@ Ref<Config> FromStream(std::istream& in, const std::string& origin) {
     auto tree = std::make_unique<Config::Tree>();
     tree->root = std::move(*root);
     tree->root.erase("<xmlattr>");
+    tree->origin = origin;
+    try {
+        tree->entries = IndexLines(std::move(text), tree->root);
+    } catch (const rx::parse_error&) {
+        // read_xml took it, so only the line index is lost.
+    }
     return MakeRef<Config>(std::move(tree));
 }
 
@@ -93,7 +138,9 @@ Ref<Config> Config::Load(const std::string& path) {
         if (error == ENOENT && ::lstat(path.c_str(), &st) != 0) {
             Log(Logger::sDefaultLogger, LogLevel::Warning,
                 "Configuration file %1 not found; using defaults", path);
-            return MakeRef<Config>(std::make_unique<Tree>());
+            auto empty = std::make_unique<Tree>();
+            empty->origin = path;
+            return MakeRef<Config>(std::move(empty));
         }
         throw SystemError("Cannot read configuration", path, error);
     }
@@ -116,7 +163,7 @@ bool Config::GetInt(const std::string& key, int32_t& out) const {
     std::string text;
     if (!GetString(key, text)) return false;
     if (ParseInt(text, out)) return true;
-    LogInvalid(key, text);
+    ReportInvalid(key, text);
     return false;
 }
 
@@ -124,8 +171,27 @@ bool Config::GetBool(const std::string& key, bool& out) const {
     std::string text;
     if (!GetString(key, text)) return false;
     if (ParseBool(text, out)) return true;
-    LogInvalid(key, text);
+    ReportInvalid(key, text);
     return false;
+}
+
+const std::vector<Config::Entry>& Config::Entries() const {
+    return tree->entries;
+}
+
+const std::string& Config::Origin() const {
+    return tree->origin;
+}
+
+std::string Config::Where(const std::string& key) const {
+    for (const Entry& entry : tree->entries)
+        if (entry.key == key) return tree->origin + ":" + std::to_string(entry.line);
+    return tree->origin;
+}
+
+void Config::ReportInvalid(const std::string& key, const std::string& text) const {
+    Log(Logger::sDefaultLogger, LogLevel::Warning,
+        "Configuration key %1 has an invalid value: '%2' (%3)", key, text, Where(key));
 }
 
 }  // namespace Pelinor::Service

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "platform/object.h"
 
@@ -20,6 +22,23 @@ class Config : public ObjectImpl {
     bool GetString(const std::string& key, std::string& out) const;
     bool GetInt(const std::string& key, int32_t& out) const;
     bool GetBool(const std::string& key, bool& out) const;
+
+    // One leaf element of the file: its slash-separated key path, text and line.
+    struct Entry {
+        std::string key;
+        std::string value;
+        int line = 0;
+    };
+    // Every leaf element, in the order of the file.
+    const std::vector<Entry>& Entries() const;
+    // The file's path ("text" for parsed text), and "<origin>:<line>" of a key.
+    const std::string& Origin() const;
+    std::string Where(const std::string& key) const;
+    // Logs that `key` holds `text`, which does not convert, and where.
+    void ReportInvalid(const std::string& key, const std::string& text) const;
+
+    static bool ParseInt(std::string_view text, int32_t& out);
+    static bool ParseBool(std::string_view text, bool& out);
 
     struct Tree;
     explicit Config(std::unique_ptr<Tree> tree);

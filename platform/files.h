@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/object.h"
@@ -56,5 +57,10 @@ class SystemFactory {
     static SystemFactory* sInstance;
     static SystemFactory& Real();
 };
+
+// Replaces the file at `path` with `content` through a hidden temporary file and a rename,
+// so a reader sees the old or the new file whole; makes missing parent directories.
+// Throws IOException.
+void ReplaceFile(const std::string& path, std::string_view content);
 
 }  // namespace Pelinor::System

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 
 #include "platform/exceptions.h"
@@ -189,6 +190,22 @@ std::string File::GetName() const {
     const std::string& path = GetPath();
     auto slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+void ReplaceFile(const std::string& path, std::string_view content) {
+    std::string directory = DirectoryOf(path);
+    std::error_code error;
+    if (!directory.empty()) std::filesystem::create_directories(directory, error);
+    if (error) throw IOException("Cannot make " + directory + ": " + error.message());
+    SystemFactory& factory = *SystemFactory::sInstance;
+    std::string temporary = directory + "." + path.substr(directory.size()) + ".tmp";
+    Ref<OutputStream> stream = factory.OpenForWrite(temporary, 0);
+    stream->Write(content.data(), content.size());
+    stream->Close();
+    if (!factory.CreateFile(temporary)->Rename(path)) {
+        throw IOException("Cannot rename " + temporary + " to " + path + ": " +
+                          std::strerror(errno));
+    }
 }
 
 SystemFactory& SystemFactory::Real() {

@@ -12,8 +12,8 @@ namespace Tessard {
 
 using Pelinor::Service::Logger;
 
-uint64_t fastTimePeriodMin = 5;
-int32_t resourcePoolSizeMb = 40;
+uint64_t fastTimePeriodMin = kDefaultFastTimePeriodMin;
+int32_t resourcePoolSizeMb = kDefaultResourcePoolSizeMb;
 const int32_t maxResourcePoolSizeMb = 500;
 
 namespace {

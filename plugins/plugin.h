@@ -19,7 +19,9 @@ constexpr std::array<std::string_view, 5> kLogLevelNames = {"debug", "info", "wa
                                                             "critical"};
 constexpr int32_t kFastFrequency = 0;
 
-// Process-wide plugin settings, fixed while the launcher is built.
+// Process-wide plugin settings, fixed while the launcher is built (and again at a reload).
+constexpr uint64_t kDefaultFastTimePeriodMin = 5;
+constexpr int32_t kDefaultResourcePoolSizeMb = 40;
 extern uint64_t fastTimePeriodMin;  // minutes
 extern int32_t resourcePoolSizeMb;  // MB
 extern const int32_t maxResourcePoolSizeMb;

@@ -1,6 +1,8 @@
 // Scheduling: every batch of a category on its own timer, re-armed after each run.
 #include "plugins/plugin_launcher.h"
 
+#include <chrono>
+
 #include "platform/app.h"
 
 namespace Tessard {
@@ -29,7 +31,12 @@ PluginLauncher::~PluginLauncher() {
 }
 
 void PluginLauncher::Init() {
-    logger = Logger::CreateLogger(Logger::sDefaultLogger, "PluginLauncher");
+    Load();
+    ScheduleAll();
+}
+
+void PluginLauncher::Load() {
+    if (!logger) logger = Logger::CreateLogger(Logger::sDefaultLogger, "PluginLauncher");
     ReadLauncherOverrides();
     fastCategory = std::make_unique<PluginCategory>(
         PluginCategory{kFastBatchSize, fastTimePeriodMin * 60, kFastDelay, kFastDelay, {}, {}, {}});
@@ -46,20 +53,80 @@ void PluginLauncher::Init() {
         fastCategory->period = minPeriod;
         Log(logger, LogLevel::Info, "Updated the period of the fast plugin queue to %1", minPeriod);
     }
+}
 
+void PluginLauncher::ScheduleAll() {
     Log(logger, LogLevel::Info, "About to schedule fast plugins");
     ScheduleLaunches(fastCategory);
     Log(logger, LogLevel::Info, "About to schedule slow plugins");
     ScheduleLaunches(slowCategory);
+    if (scheduleObserver.scheduled) scheduleObserver.scheduled(Plans());
+}
+
+bool PluginLauncher::Reload() {
+    const uint64_t savedPeriod = fastTimePeriodMin;
+    const int32_t savedPoolSize = resourcePoolSizeMb;
+    auto runningFast = std::move(fastCategory);
+    auto runningSlow = std::move(slowCategory);
+    // Settings absent from the new configuration go back to their defaults.
+    fastTimePeriodMin = kDefaultFastTimePeriodMin;
+    resourcePoolSizeMb = kDefaultResourcePoolSizeMb;
+    try {
+        Load();
+    } catch (const std::exception& e) {
+        fastTimePeriodMin = savedPeriod;
+        resourcePoolSizeMb = savedPoolSize;
+        fastCategory = std::move(runningFast);
+        slowCategory = std::move(runningSlow);
+        Log(logger, LogLevel::Error, "Reload failed, the plugins keep their schedule: %1",
+            e.what());
+        return false;
+    }
+    ++generation;
+    for (auto* running : {runningFast.get(), runningSlow.get()}) {
+        if (running == nullptr) continue;
+        for (auto& item : running->scheduledItems)
+            if (item) item->Cancel();
+    }
+    // Whatever runs now is stopped by the next batch of its category, as without a reload.
+    if (runningFast) fastCategory->trackedPids = std::move(runningFast->trackedPids);
+    if (runningSlow) slowCategory->trackedPids = std::move(runningSlow->trackedPids);
+    ScheduleAll();
+    return true;
+}
+
+std::vector<PluginPlan> PluginLauncher::Plans() const {
+    std::vector<PluginPlan> plans;
+    for (const auto* category : {fastCategory.get(), slowCategory.get()}) {
+        if (category == nullptr) continue;
+        const char* name = category == fastCategory.get() ? "fast" : "slow";
+        for (size_t i = 0; i < category->plugins.size(); ++i) {
+            uint64_t batch = category->batchSize == 0 ? 0 : i / category->batchSize;
+            plans.push_back(
+                {category->plugins[i]->name, name, std::chrono::seconds(category->period),
+                 std::chrono::seconds(category->initialDelay + batch * category->throttleTimeout),
+                 static_cast<uint32_t>(resourcePoolSizeMb)});
+        }
+    }
+    return plans;
+}
+
+void PluginLauncher::SetScheduleObserver(PluginScheduleObserver observer) {
+    scheduleObserver = std::move(observer);
+}
+
+void PluginLauncher::SetOutcomeObserver(PluginOutcomeObserver observer) {
+    outcomeObserver = std::move(observer);
 }
 
 void PluginLauncher::Schedule(std::unique_ptr<PluginCategory>& category, unsigned long batchIndex,
                               unsigned long firstPlugin, uint64_t delaySeconds,
                               Pelinor::Ref<Pelinor::System::ScheduledItem>& item) {
     // The strong reference keeps the launcher alive while the callback is pending.
-    auto callback = [launcher = this, self = shared_from_this(), &category, batchIndex,
-                     firstPlugin](Pelinor::System::ScheduledItem*) {
-        launcher->ScheduleEachBatch(batchIndex, firstPlugin, category);
+    auto callback = [launcher = this, self = shared_from_this(), &category, batchIndex, firstPlugin,
+                     armed = generation](Pelinor::System::ScheduledItem*) {
+        if (armed == launcher->generation)
+            launcher->ScheduleEachBatch(batchIndex, firstPlugin, category);
     };
     Pelinor::Service::GetApp().GetScheduler().Schedule(
         callback, static_cast<int64_t>(delaySeconds) * kMicrosecondsPerSecond, item);
@@ -90,6 +157,8 @@ void PluginLauncher::ScheduleEachBatch(unsigned long batchIndex, unsigned long f
         for (; k < category->batchSize && firstPlugin + k < plugins.size(); ++k) {
             std::shared_ptr<Plugin> plugin = plugins[firstPlugin + k];
             Log(logger, LogLevel::Trivia, "About to launch plugin %1 in the batch", plugin->name);
+            if (scheduleObserver.started)
+                scheduleObserver.started(plugin->name, std::chrono::system_clock::now());
             LaunchPlugin(plugin, category->trackedPids);
         }
         if (k < category->batchSize) Log(logger, LogLevel::Trivia, "Reached end of plugin list");

@@ -11,6 +11,8 @@
 #include "platform/logging.h"
 #include "platform/scheduler.h"
 #include "plugins/plugin.h"
+#include "plugins/plugin_outcome.h"
+#include "plugins/plugin_schedule.h"
 
 namespace Tessard {
 
@@ -32,6 +34,19 @@ class PluginLauncher : public std::enable_shared_from_this<PluginLauncher> {
 
     // Reads overrides and descriptions, fixes the fast period and schedules every batch.
     void Init();
+    // Init without the scheduling: what would run, for a configuration check.
+    void Load();
+    // Reads overrides and descriptions again from the application's configuration and
+    // reschedules every batch; what is running now is stopped by the next batch of its
+    // category. On a failure nothing changes and the reason is logged; false then.
+    // Runs on the scheduler's thread, like the batches.
+    bool Reload();
+    // What is scheduled now, fast plugins first.
+    std::vector<PluginPlan> Plans() const;
+
+    // Set before Init; called on the scheduler's thread.
+    void SetScheduleObserver(PluginScheduleObserver observer);
+    void SetOutcomeObserver(PluginOutcomeObserver observer);
 
     // Read by tests; set up by Init.
     const std::unique_ptr<PluginCategory>& FastCategory() const { return fastCategory; }
@@ -52,6 +67,7 @@ class PluginLauncher : public std::enable_shared_from_this<PluginLauncher> {
     bool PrintGroupStats();
 
   private:
+    void ScheduleAll();
     void ScheduleLaunches(std::unique_ptr<PluginCategory>& category);
     void ScheduleEachBatch(unsigned long batchIndex, unsigned long firstPlugin,
                            std::unique_ptr<PluginCategory>& category);
@@ -62,6 +78,10 @@ class PluginLauncher : public std::enable_shared_from_this<PluginLauncher> {
     Pelinor::Ref<Pelinor::Service::Logger> logger;
     std::unique_ptr<PluginCategory> fastCategory;
     std::unique_ptr<PluginCategory> slowCategory;
+    // Bumped by Reload: callbacks armed before it do nothing when they fire.
+    uint64_t generation = 0;
+    PluginScheduleObserver scheduleObserver;
+    PluginOutcomeObserver outcomeObserver;
 };
 
 }  // namespace Tessard

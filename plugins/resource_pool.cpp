@@ -4,6 +4,7 @@
 #include "platform/ktab.h"
 #include "platform/scope_guard.h"
 #include "plugins/plugin_launcher.h"
+#include "plugins/plugin_schedule.h"
 
 namespace Tessard {
 
@@ -123,6 +124,33 @@ bool PluginLauncher::PrintGroupStats() {
         KilobytesToMegabytes(ReadUint64(record, Pelinor::Ktab::kPeakReservationOffset)),
         KilobytesToMegabytes(ReadUint64(record, Pelinor::Ktab::kChildrenPeakReservationOffset)));
     return true;
+}
+
+PoolFigures ReadPoolFigures() {
+    PoolFigures figures;
+    uint64_t groupId = kNoGroup;
+    if (Status status = GetGroupId(&groupId); status != 0) {
+        figures.problem = Pelinor::Ktab::ReturnStatusToString(status);
+        return figures;
+    }
+    unsigned int children = 0;
+    ParamList* params = Ktab().ParamListCreate(1, 1);
+    if (params == nullptr) return figures;
+    ScopeGuard destroyParams([params] { Ktab().ParamListDestroy(params); });
+    unsigned char record[Pelinor::Ktab::kMemoryStatsSize];
+    Status status = GetChildrenCount(groupId, &children);
+    if (status == 0) status = Ktab().ParamListAddInt(params, groupId);
+    if (status == 0)
+        status = Ktab().Get(Node::sched_groups_stats_memoryStats, params, record, sizeof record);
+    if (status != 0) {
+        figures.problem = Pelinor::Ktab::ReturnStatusToString(status);
+        return figures;
+    }
+    figures.found = true;
+    figures.childGroups = children;
+    figures.peakKb = ReadUint64(record, Pelinor::Ktab::kPeakReservationOffset);
+    figures.childrenPeakKb = ReadUint64(record, Pelinor::Ktab::kChildrenPeakReservationOffset);
+    return figures;
 }
 
 }  // namespace Tessard

@@ -6,6 +6,7 @@
 #include "platform/http.h"
 #include "platform/logging.h"
 #include "platform/task.h"
+#include "report/report_outcome.h"
 #include "report/report_roller.h"
 
 namespace Tessard {
@@ -19,7 +20,8 @@ constexpr int64_t kMaxReportSize = 1048576;
 Pelinor::Task<void> WriteReport(Pelinor::Ref<Pelinor::Http::Request> request,
                                 Pelinor::Ref<Pelinor::Http::Response> response,
                                 Pelinor::Ref<ReportRoller> roller,
-                                Pelinor::Ref<Pelinor::Service::Logger> logger);
+                                Pelinor::Ref<Pelinor::Service::Logger> logger,
+                                ReportOutcomeObserver observer = {}, std::string reportName = {});
 
 // The queued work item. It keeps everything it touches alive until the queue destroys
 // it, and releases the references in the order roller, response, request, handler.
@@ -29,9 +31,11 @@ struct ReportWriteJob {
     Pelinor::Ref<Pelinor::Http::Request> request;
     Pelinor::Ref<Pelinor::Http::Response> response;
     Pelinor::Ref<ReportRoller> roller;
+    ReportOutcomeObserver observer = {};
+    std::string reportName = {};
 
     Pelinor::Task<void> operator()() const {
-        return WriteReport(request, response, roller, logger);
+        return WriteReport(request, response, roller, logger, observer, reportName);
     }
 };
 

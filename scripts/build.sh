@@ -5,4 +5,5 @@ cd "$(dirname "$0")/.."
 build_dir=${BUILD_DIR:-build}
 "$(dirname "$0")/deps.sh"
 cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE="${BUILD_TYPE:-RelWithDebInfo}" "$@" >/dev/null
-ninja -C "$build_dir"
+# JOBS caps the parallel compilers on shared machines (default: ninja chooses).
+ninja -C "$build_dir" ${JOBS:+-j "$JOBS"}

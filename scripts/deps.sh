@@ -3,6 +3,10 @@
 set -euo pipefail
 packages=(cmake ninja-build g++ libboost1.81-dev rapidjson-dev libgtest-dev libgmock-dev curl)
 if [ "${TESSARD_SANITIZERS:-0}" = 1 ]; then packages+=(clang libclang-rt-14-dev); fi
+# The demo reads the status file with jq.
+if [ "${TESSARD_DEMO:-0}" = 1 ]; then packages+=(jq); fi
+# The Debian package (scripts/package.sh), its check, and the alert rules' check.
+if [ "${TESSARD_PACKAGING:-0}" = 1 ]; then packages+=(debhelper dpkg-dev lintian prometheus); fi
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'ok installed' || missing+=("$p")

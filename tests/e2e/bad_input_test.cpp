@@ -117,7 +117,8 @@ TEST(BadInput, ReportNamesStayInsideTheReportDirectory) {
     EXPECT_EQ(std::set<std::string>{"reports"}, ListDir(daemon.WorkDir()));
     const std::string base = std::filesystem::path(daemon.WorkDir()).parent_path().string();
     EXPECT_EQ((std::set<std::string>{"daemon-1.log", "root", "work"}), ListDir(base));
-    EXPECT_EQ((std::set<std::string>{"etc", "usr"}), ListDir(daemon.Root()));
+    EXPECT_EQ((std::set<std::string>{"etc", "run", "usr"}), ListDir(daemon.Root()));
+    EXPECT_EQ(std::set<std::string>{"status.json"}, ListDir(daemon.Root() + "/run/tessard"));
     EXPECT_EQ(0, daemon.Terminate());
 }
 

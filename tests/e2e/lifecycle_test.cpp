@@ -69,13 +69,28 @@ TEST(Lifecycle, LogsStartUpInOrderServesAndStopsOnSignals) {
     EXPECT_EQ("up-1.json", ReadLink(daemon.ReportDir() + "/up.json"));
 }
 
-TEST(Lifecycle, BadOptionOrConfigurationExitsOne) {
+TEST(Lifecycle, OptionsThatPrintAndBadOnesExit) {
+    const std::string usage =
+        "Usage: tessard [-r REPORT_DIR] | --help | --version | --check-config | status [--json]\n";
+    struct Row {
+        std::vector<std::string> args;
+        int exitCode;
+        std::string output;  // the whole output, or its start for --help
+    } rows[] = {
+        {{"-x"}, 1, TESSARD_BINARY + std::string(": invalid option -- 'x'\n") + usage},
+        {{"--bogus"}, 1, TESSARD_BINARY + std::string(": unrecognized option '--bogus'\n") + usage},
+        {{"--version"}, 0, "tessard 1.0.0 (build 1)\n"},
+        {{"--help"}, 0, usage + "\ntessard: host health daemon."},
+        {{"status", "--yaml"}, 1, "Usage: tessard status [--json]\n"},
+    };
     DaemonOptions options;
-    options.args = {"-x"};
     options.waitReady = false;
-    DaemonProcess badOption(options);
-    EXPECT_EQ(1, badOption.WaitExit(std::chrono::seconds(20)));
-    EXPECT_EQ(badOption.Binary() + ": invalid option -- 'x'\n", badOption.Logs());
+    for (const Row& row : rows) {
+        options.args = row.args;
+        DaemonProcess command(options);
+        EXPECT_EQ(row.exitCode, command.WaitExit(std::chrono::seconds(20))) << row.args[0];
+        EXPECT_EQ(0u, command.Logs().find(row.output)) << command.Logs();
+    }
 
     options.args = {};
     options.configXml = "<config><httpPort>1</config";

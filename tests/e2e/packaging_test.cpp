@@ -112,6 +112,10 @@ TEST(PackagingE2E, SystemdUnitVerifies) {
     std::string unit = ReadFile(dest.Path() + kUnit);
     EXPECT_NE(unit.find("ExecStart=/usr/sbin/tessard -r /run/tessard/reports\n"),
               std::string::npos);
+    EXPECT_NE(unit.find("ExecReload=/bin/kill -HUP $MAINPID\n"), std::string::npos);
+    // The reload command is the host's; this test's tree has only tessard's files.
+    fs::create_directories(dest / "bin");
+    fs::copy_file(fs::canonical("/bin/kill"), dest / "bin/kill");
     // Not the units it would start after: this test's tree has only tessard's.
     auto [code, output] =
         RunCommand("systemd-analyze verify --man=no --recursive-errors=no --root=" + dest.Path() +
@@ -120,30 +124,44 @@ TEST(PackagingE2E, SystemdUnitVerifies) {
     EXPECT_EQ(output, "") << "warnings about the unit";
 }
 
-TEST(PackagingE2E, DebianPackageHoldsTheInstallation) {
-    if (RunCommand("command -v dpkg-deb").first != 0) GTEST_SKIP() << "no dpkg-deb here";
+// Built as scripts/package.sh builds it (debhelper, in a copy of the sources); lintian finds
+// no error and no warning in it.
+TEST(PackagingE2E, DebianPackageHoldsTheInstallationAndIsLintianClean) {
+    for (const char* tool : {"dpkg-buildpackage", "dh", "lintian"})
+        if (RunCommand(std::string("command -v ") + tool).first != 0)
+            GTEST_SKIP() << "no " << tool << " here";
     TempDir out;
-    std::string cpack = (fs::path(TESSARD_CMAKE).parent_path() / "cpack").string();
-    auto [code, output] = RunCommand(cpack + " -G DEB --config " + TESSARD_BUILD_DIR +
-                                     "/CPackConfig.cmake -B " + out.Path());
+    auto [code, output] =
+        RunCommand("OUT_DIR=" + out.Path() + " " + TESSARD_SOURCE_DIR + "/scripts/package.sh");
     ASSERT_EQ(code, 0) << output;
-    std::string deb;
-    for (const auto& entry : fs::directory_iterator(out.Path()))
-        if (entry.path().extension() == ".deb") deb = entry.path();
-    ASSERT_FALSE(deb.empty()) << output;
+    std::string deb = out / "tessard_1.0.0_amd64.deb";
+    ASSERT_TRUE(fs::exists(deb)) << output;
 
     std::string contents = RunCommand("dpkg-deb --contents " + deb).second;
     for (const std::string& file :
          {std::string("./usr/sbin/tessard"), std::string("./usr/sbin/tessard-pool"),
-          std::string(".") + kConfig, std::string(".") + kUnit,
+          std::string(".") + kConfig, std::string("./lib/systemd/system/tessard.service"),
           std::string(".") + kPlugins + "/bin/memory.sh",
-          std::string("./usr/share/man/man8/tessard.8")}) {
+          std::string("./usr/share/man/man8/tessard.8.gz"),
+          std::string("./usr/share/man/man8/tessard-pool.8.gz"),
+          std::string("./usr/share/doc/tessard/examples/tessard-alerts.yml")}) {
         EXPECT_NE(contents.find(" " + file + "\n"), std::string::npos) << file << "\n" << contents;
     }
     EXPECT_EQ(RunCommand("dpkg-deb --info " + deb + " conffiles").second,
               std::string(kConfig) + "\n");
     std::string depends = RunCommand("dpkg-deb --field " + deb + " Depends").second;
     EXPECT_NE(depends.find("curl"), std::string::npos) << depends;
+    // Errors and warnings, and hardening shortfalls (info tags); overrides carry reasons.
+    auto [lintianCode, tags] = RunCommand("(lintian --info " + deb + " 2>/dev/null)");
+    EXPECT_EQ(lintianCode, 0) << tags;
+    EXPECT_EQ(tags, "") << tags;
+
+    if (RunCommand("command -v promtool").first == 0) {
+        auto [rulesCode, rules] =
+            RunCommand("promtool check rules " + std::string(TESSARD_SOURCE_DIR) +
+                       "/packaging/tessard-alerts.yml");
+        EXPECT_EQ(rulesCode, 0) << rules;
+    }
 }
 
 // The sd_notify(3) datagrams, on a socket the test listens on, and the journal's line form.

@@ -50,9 +50,10 @@ TEST(Config, ReadsKeyPathsAndConvertsStrictly) {
     EXPECT_FALSE(config->GetInt("absent", value));
     EXPECT_FALSE(config->GetInt("pluginOverrides/fast/absent", value));
     EXPECT_EQ(value, 42) << "a failed read leaves its output alone";
-    EXPECT_TRUE(log.Has(LogLevel::Warning, "Configuration key junk has an invalid value: '12ab'"));
     EXPECT_TRUE(
-        log.Has(LogLevel::Warning, "Configuration key big has an invalid value: '2147483648'"));
+        log.Has(LogLevel::Warning, "Configuration key junk has an invalid value: '12ab' (text:5)"));
+    EXPECT_TRUE(log.Has(LogLevel::Warning,
+                        "Configuration key big has an invalid value: '2147483648' (text:5)"));
 
     bool flag = false;
     EXPECT_TRUE(config->GetBool("pluginOverrides/disk/enabled", flag));

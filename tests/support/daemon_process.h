@@ -94,6 +94,7 @@ class DaemonProcess {
 
     // Exit code (128 + signal when killed); empty while still running after `timeout`.
     std::optional<int> WaitExit(std::chrono::milliseconds timeout);
+    void Signal(int signal) const { ::kill(pid, signal); }
     // Sends the signal and waits; a daemon that does not stop in time is killed, giving -1.
     int Terminate(int signal = SIGTERM,
                   std::chrono::milliseconds timeout = std::chrono::seconds(20));

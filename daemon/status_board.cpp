@@ -1,0 +1,386 @@
+#include "daemon/status_board.h"
+
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/stringbuffer.h>
+
+#include <cstdio>
+#include <regex>
+
+#include "report/report_roller.h"
+
+namespace Tessard {
+
+namespace {
+
+using Writer = rapidjson::PrettyWriter<rapidjson::StringBuffer>;
+
+constexpr int kSignalExitBase = 128;
+constexpr int kKillSignal = 9;
+constexpr int kTermSignal = 15;
+constexpr int kNeverStarted = -1;
+constexpr double kBytesPerKb = 1024.0;
+
+double Seconds(Clock::time_point at) {
+    return std::chrono::duration<double>(at.time_since_epoch()).count();
+}
+
+void Time(Writer& json, const char* key, const std::optional<Clock::time_point>& at) {
+    json.Key(key);
+    if (at) {
+        json.String(FormatUtc(*at).c_str());
+    } else {
+        json.Null();
+    }
+}
+
+// Label values as the text format wants them: backslash, quote and newline escaped.
+std::string Escape(const std::string& value) {
+    std::string out;
+    for (char c : value) {
+        if (c == '\\' || c == '"') {
+            out += '\\';
+            out += c;
+        } else if (c == '\n') {
+            out += "\\n";
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+std::string Number(double value) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%.17g", value);
+    return text;
+}
+
+class Metrics {
+  public:
+    // Each family once, with its help and type, before its first sample.
+    void Family(const char* name, const char* type, const char* help) {
+        out += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
+    }
+    void Sample(const char* name, const std::vector<std::pair<const char*, std::string>>& labels,
+                double value) {
+        out += name;
+        if (!labels.empty()) {
+            out += '{';
+            for (size_t i = 0; i < labels.size(); ++i) {
+                if (i > 0) out += ',';
+                out += std::string(labels[i].first) + "=\"" + Escape(labels[i].second) + "\"";
+            }
+            out += '}';
+        }
+        out += " " + Number(value) + "\n";
+    }
+    std::string out;
+};
+
+}  // namespace
+
+std::string FormatUtc(Clock::time_point at) {
+    using namespace std::chrono;
+    auto seconds = floor<std::chrono::seconds>(at);
+    auto day = floor<days>(seconds);
+    year_month_day date(day);
+    hh_mm_ss time(seconds - day);
+    char text[32];
+    std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02ld:%02ld:%02ldZ", int(date.year()),
+                  unsigned(date.month()), unsigned(date.day()), long(time.hours().count()),
+                  long(time.minutes().count()), long(time.seconds().count()));
+    return text;
+}
+
+const char* EndName(PluginEnd end) {
+    switch (end) {
+        case PluginEnd::Exited:
+            return "exited";
+        case PluginEnd::Signalled:
+            return "signalled";
+        case PluginEnd::OutOfMemory:
+            return "oom_killed";
+        case PluginEnd::StoppedAtNextBatch:
+            return "stopped";
+        case PluginEnd::KilledAfterIgnoringTerm:
+            return "killed";
+        case PluginEnd::LaunchFailed:
+            return "launch_failed";
+    }
+    return "unknown";
+}
+
+int ExitCode(const PluginRunOutcome& outcome) {
+    switch (outcome.end) {
+        case PluginEnd::Exited:
+            return outcome.status;
+        case PluginEnd::Signalled:
+            return kSignalExitBase + outcome.status;
+        case PluginEnd::OutOfMemory:
+        case PluginEnd::KilledAfterIgnoringTerm:
+            return kSignalExitBase + kKillSignal;
+        case PluginEnd::StoppedAtNextBatch:
+            return kSignalExitBase + kTermSignal;
+        case PluginEnd::LaunchFailed:
+            return kNeverStarted;
+    }
+    return kNeverStarted;
+}
+
+StatusBoard::StatusBoard(DaemonFigures daemon) : daemon(std::move(daemon)) {}
+
+void StatusBoard::OnReport(const ReportOutcome& outcome) {
+    // Names the daemon refuses are any bytes a client sent: counted, never shown.
+    bool valid =
+        !outcome.name.starts_with('.') && std::regex_match(outcome.name, reportNamePattern);
+    std::lock_guard lock(mutex);
+    auto found = reports.find(outcome.name);
+    if (found == reports.end()) {
+        if (!valid || reports.size() >= kMaxTrackedReportNames) {
+            ++untrackedReports;
+            changed = true;
+            return;
+        }
+        found = reports.emplace(outcome.name, ReportState{}).first;
+    }
+    ReportState& report = found->second;
+    ++report.answers[outcome.code];
+    if (outcome.code == 200) {
+        report.last = outcome.at;
+        report.size = outcome.size;
+    }
+    changed = true;
+}
+
+void StatusBoard::OnScheduled(const std::vector<PluginPlan>& plans) {
+    std::lock_guard lock(mutex);
+    std::map<std::string, PluginState> scheduled;
+    for (const PluginPlan& plan : plans) {
+        auto found = plugins.find(plan.name);
+        PluginState state = found != plugins.end() ? std::move(found->second) : PluginState{};
+        state.plan = plan;
+        scheduled[plan.name] = std::move(state);
+    }
+    plugins = std::move(scheduled);  // what is no longer scheduled goes
+    changed = true;
+}
+
+void StatusBoard::OnStarted(const std::string& name, Clock::time_point at) {
+    std::lock_guard lock(mutex);
+    if (auto found = plugins.find(name); found != plugins.end()) found->second.lastStart = at;
+    changed = true;
+}
+
+void StatusBoard::OnOutcome(const PluginRunOutcome& outcome) {
+    std::lock_guard lock(mutex);
+    PluginState& state = plugins[outcome.name];
+    if (state.plan.name.empty()) {
+        state.plan = {outcome.name, outcome.category, outcome.period, {}, outcome.memoryLimitMb};
+    }
+    state.last = outcome;
+    ++state.ends[outcome.end];
+    changed = true;
+}
+
+void StatusBoard::OnPool(const PoolFigures& figures) {
+    std::lock_guard lock(mutex);
+    changed = changed || figures.found != pool.found || figures.problem != pool.problem ||
+              figures.childGroups != pool.childGroups || figures.peakKb != pool.peakKb;
+    pool = figures;
+}
+
+void StatusBoard::OnStopped(Clock::time_point at) {
+    std::lock_guard lock(mutex);
+    stopped = at;
+    changed = true;
+}
+
+bool StatusBoard::TakeChanged() {
+    std::lock_guard lock(mutex);
+    return std::exchange(changed, false);
+}
+
+std::string StatusBoard::Json(Clock::time_point now) const {
+    std::lock_guard lock(mutex);
+    rapidjson::StringBuffer buffer;
+    Writer json(buffer);
+    json.StartObject();
+    json.Key("daemon");
+    json.StartObject();
+    json.Key("version");
+    json.String(daemon.version.c_str());
+    json.Key("build");
+    json.Int(daemon.buildNumber);
+    json.Key("pid");
+    json.Int(daemon.pid);
+    Time(json, "started", daemon.started);
+    Time(json, "updated", now);
+    Time(json, "stopped", stopped);
+    json.EndObject();
+
+    json.Key("reports");
+    json.StartArray();
+    for (const auto& [name, report] : reports) {
+        json.StartObject();
+        json.Key("name");
+        json.String(name.c_str());
+        Time(json, "last", report.last);
+        json.Key("size");
+        json.Int64(report.size);
+        json.Key("answers");
+        json.StartObject();
+        for (const auto& [code, count] : report.answers) {
+            json.Key(std::to_string(code).c_str());
+            json.Uint64(count);
+        }
+        json.EndObject();
+        json.EndObject();
+    }
+    json.EndArray();
+    json.Key("untrackedReports");
+    json.Uint64(untrackedReports);
+
+    json.Key("plugins");
+    json.StartArray();
+    for (const auto& [name, plugin] : plugins) {
+        json.StartObject();
+        json.Key("name");
+        json.String(name.c_str());
+        json.Key("category");
+        json.String(plugin.plan.category.c_str());
+        json.Key("period");
+        json.Int64(plugin.plan.period.count());
+        json.Key("memoryLimitMb");
+        json.Uint(plugin.plan.memoryLimitMb);
+        Time(json, "lastStart", plugin.lastStart);
+        json.Key("lastOutcome");
+        if (plugin.last) {
+            const PluginRunOutcome& last = *plugin.last;
+            json.StartObject();
+            json.Key("end");
+            json.String(EndName(last.end));
+            json.Key("status");
+            json.Int(last.status);
+            json.Key("exitCode");
+            json.Int(ExitCode(last));
+            Time(json, "started", last.started);
+            json.Key("runTimeMs");
+            json.Int64(last.runTime.count());
+            json.Key("peakMemoryKb");
+            json.Uint64(last.peakMemoryKb);
+            json.EndObject();
+        } else {
+            json.Null();
+        }
+        json.Key("runs");
+        json.StartObject();
+        for (const auto& [end, count] : plugin.ends) {
+            json.Key(EndName(end));
+            json.Uint64(count);
+        }
+        json.EndObject();
+        json.EndObject();
+    }
+    json.EndArray();
+
+    json.Key("pool");
+    json.StartObject();
+    json.Key("found");
+    json.Bool(pool.found);
+    if (pool.found) {
+        json.Key("childGroups");
+        json.Uint(pool.childGroups);
+        json.Key("peakMemoryKb");
+        json.Uint64(pool.peakKb);
+        json.Key("childrenPeakMemoryKb");
+        json.Uint64(pool.childrenPeakKb);
+    } else {
+        json.Key("problem");
+        json.String(pool.problem.c_str());
+    }
+    json.EndObject();
+    json.EndObject();
+    return std::string(buffer.GetString(), buffer.GetSize()) + "\n";
+}
+
+std::string StatusBoard::Prometheus(Clock::time_point now) const {
+    std::lock_guard lock(mutex);
+    Metrics m;
+    m.Family("tessard_info", "gauge", "Version and build of the running daemon.");
+    m.Sample("tessard_info",
+             {{"version", daemon.version}, {"build", std::to_string(daemon.buildNumber)}}, 1);
+    m.Family("tessard_start_time_seconds", "gauge", "When the daemon started, Unix time.");
+    m.Sample("tessard_start_time_seconds", {}, Seconds(daemon.started));
+    m.Family("tessard_status_time_seconds", "gauge", "When these figures were written, Unix time.");
+    m.Sample("tessard_status_time_seconds", {}, Seconds(now));
+
+    m.Family("tessard_report_last_seconds", "gauge",
+             "When the newest report was stored, Unix time.");
+    for (const auto& [name, report] : reports)
+        if (report.last)
+            m.Sample("tessard_report_last_seconds", {{"name", name}}, Seconds(*report.last));
+    m.Family("tessard_report_size_bytes", "gauge", "Size of the newest stored report.");
+    for (const auto& [name, report] : reports)
+        if (report.last)
+            m.Sample("tessard_report_size_bytes", {{"name", name}},
+                     static_cast<double>(report.size));
+    m.Family("tessard_reports_total", "counter", "Report requests answered, by HTTP status.");
+    for (const auto& [name, report] : reports)
+        for (const auto& [code, count] : report.answers)
+            m.Sample("tessard_reports_total", {{"name", name}, {"code", std::to_string(code)}},
+                     static_cast<double>(count));
+    m.Family("tessard_reports_untracked_total", "counter",
+             "Report requests of refused names or of names beyond the tracked number.");
+    m.Sample("tessard_reports_untracked_total", {}, static_cast<double>(untrackedReports));
+
+    m.Family("tessard_plugin_period_seconds", "gauge", "Period of each scheduled plugin.");
+    for (const auto& [name, plugin] : plugins)
+        m.Sample("tessard_plugin_period_seconds",
+                 {{"plugin", name}, {"category", plugin.plan.category}},
+                 static_cast<double>(plugin.plan.period.count()));
+    m.Family("tessard_plugin_last_start_seconds", "gauge",
+             "When the plugin last started, Unix time.");
+    for (const auto& [name, plugin] : plugins)
+        if (plugin.lastStart)
+            m.Sample("tessard_plugin_last_start_seconds", {{"plugin", name}},
+                     Seconds(*plugin.lastStart));
+    m.Family("tessard_plugin_last_exit", "gauge",
+             "Exit status of the last run: 128+N for signal N, -1 when it did not start.");
+    for (const auto& [name, plugin] : plugins)
+        if (plugin.last)
+            m.Sample("tessard_plugin_last_exit", {{"plugin", name}}, ExitCode(*plugin.last));
+    m.Family("tessard_plugin_duration_seconds", "gauge", "Run time of the last run.");
+    for (const auto& [name, plugin] : plugins)
+        if (plugin.last)
+            m.Sample("tessard_plugin_duration_seconds", {{"plugin", name}},
+                     std::chrono::duration<double>(plugin.last->runTime).count());
+    m.Family("tessard_plugin_peak_memory_bytes", "gauge", "Peak memory of the last run.");
+    for (const auto& [name, plugin] : plugins)
+        if (plugin.last)
+            m.Sample("tessard_plugin_peak_memory_bytes", {{"plugin", name}},
+                     static_cast<double>(plugin.last->peakMemoryKb) * kBytesPerKb);
+    m.Family("tessard_plugin_runs_total", "counter", "Finished runs, by how they ended.");
+    for (const auto& [name, plugin] : plugins)
+        for (const auto& [end, count] : plugin.ends)
+            m.Sample("tessard_plugin_runs_total", {{"plugin", name}, {"end", EndName(end)}},
+                     static_cast<double>(count));
+    m.Family("tessard_plugin_oom_kills_total", "counter", "Runs killed by the kernel for memory.");
+    for (const auto& [name, plugin] : plugins) {
+        auto oom = plugin.ends.find(PluginEnd::OutOfMemory);
+        m.Sample("tessard_plugin_oom_kills_total", {{"plugin", name}},
+                 static_cast<double>(oom == plugin.ends.end() ? 0 : oom->second));
+    }
+
+    m.Family("tessard_pool_found", "gauge", "Whether the plugin pool group exists.");
+    m.Sample("tessard_pool_found", {}, pool.found ? 1 : 0);
+    if (pool.found) {
+        m.Family("tessard_pool_child_groups", "gauge", "Plugin groups in the pool now.");
+        m.Sample("tessard_pool_child_groups", {}, pool.childGroups);
+        m.Family("tessard_pool_peak_memory_bytes", "gauge", "Peak memory of the whole pool.");
+        m.Sample("tessard_pool_peak_memory_bytes", {},
+                 static_cast<double>(pool.peakKb) * kBytesPerKb);
+    }
+    return m.out;
+}
+
+}  // namespace Tessard

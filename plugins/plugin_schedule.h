@@ -1,0 +1,38 @@
+// What the launcher has scheduled and when it starts each plugin, for whoever watches the
+// daemon.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Tessard {
+
+struct PluginPlan {
+    std::string name;
+    std::string category;  // "fast" or "slow"
+    std::chrono::seconds period{0};
+    std::chrono::seconds firstRun{0};  // after scheduling
+    uint32_t memoryLimitMb = 0;
+};
+
+struct PluginScheduleObserver {
+    // The whole schedule, after start-up and after every reload.
+    std::function<void(const std::vector<PluginPlan>&)> scheduled;
+    // A batch is about to launch the plugin.
+    std::function<void(const std::string& name, std::chrono::system_clock::time_point at)> started;
+};
+
+// The resource pool as the kernel's system information shows it.
+struct PoolFigures {
+    bool found = false;
+    std::string problem;  // why not, when not found
+    uint32_t childGroups = 0;
+    uint64_t peakKb = 0;
+    uint64_t childrenPeakKb = 0;
+};
+PoolFigures ReadPoolFigures();
+
+}  // namespace Tessard
