@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds with ThreadSanitizer (clang) and runs the unit tests, the concurrent-clients test
-# and the reload-under-load test against the instrumented daemon.
+# Builds with ThreadSanitizer (clang) and runs the unit tests, the many- and slow-client
+# tests and the reload-under-load test against the instrumented daemon.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 TESSARD_SANITIZERS=1 scripts/deps.sh
@@ -8,4 +8,4 @@ BUILD_DIR=build-tsan BUILD_TYPE=RelWithDebInfo CXX=clang++ scripts/build.sh -DTE
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
 cd build-tsan
 ctest --output-on-failure -j2 --timeout 600 -L unit
-ctest --output-on-failure --timeout 600 -R 'ManyClients|HupReloads'
+ctest --output-on-failure --timeout 600 -R 'ManyClients|SlowClients|HupReloads'
