@@ -23,18 +23,6 @@ std::string Describe(const std::string& name, const std::string& frequency) {
     return R"({"path": ")" + name + R"(.sh", "frequency": ")" + frequency + R"("})";
 }
 
-// Exit code and everything printed.
-std::pair<int, std::string> RunCommand(const std::string& command) {
-    std::string output;
-    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) return {-1, ""};
-    std::array<char, 4096> buffer;
-    for (size_t n; (n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0;)
-        output.append(buffer.data(), n);
-    int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
-
 // Plugin name -> category, from the status file; empty while it is missing or unparsable.
 std::map<std::string, std::string> Scheduled(const std::string& statusPath) {
     std::map<std::string, std::string> plugins;

@@ -20,6 +20,7 @@ using namespace std::chrono_literals;
 using TessardTest::DaemonOptions;
 using TessardTest::DaemonProcess;
 using TessardTest::ReadFile;
+using TessardTest::RunCommand;
 using TessardTest::TempDir;
 
 constexpr const char* kConfig = "/etc/tolmar/cpservices/tessard/config.xml";
@@ -31,18 +32,6 @@ void Install(const std::string& destdir) {
     std::string command = "DESTDIR=" + destdir + " " + TESSARD_CMAKE + " --install " +
                           TESSARD_BUILD_DIR + " --prefix /usr >/dev/null";
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
-}
-
-// Runs a command and gives its exit code and everything it printed.
-std::pair<int, std::string> RunCommand(const std::string& command) {
-    std::string output;
-    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) return {-1, ""};
-    std::array<char, 4096> buffer;
-    for (size_t n; (n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0;)
-        output.append(buffer.data(), n);
-    int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
 }
 
 TEST(PackagingE2E, InstalledDaemonTakesReportsAndRunsTheExamplePlugins) {

@@ -11,6 +11,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/http_client.h"
@@ -52,6 +53,9 @@ std::vector<LogEntry> ParseLog(const std::string& text);
 
 // Names in a directory; empty when it cannot be read.
 std::set<std::string> ListDir(const std::string& dir);
+
+// Runs a shell command: its exit code and everything it printed (both streams).
+std::pair<int, std::string> RunCommand(const std::string& command);
 
 // Sends raw bytes on a fresh connection and reads one reply.
 std::optional<HttpReply> Exchange(uint16_t port, const std::string& bytes);
