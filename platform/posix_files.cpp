@@ -92,7 +92,10 @@ class FdStream : public OutputStream {
 
 class PosixFile : public File {
   public:
-    explicit PosixFile(std::string path) : path(std::move(path)) {}
+    // `type` is the entry's type as a directory listing gave it (DT_UNKNOWN when not from
+    // one): the restart scan then asks the kernel nothing more about regular files.
+    explicit PosixFile(std::string path, unsigned char type = DT_UNKNOWN)
+        : path(std::move(path)), type(type) {}
 
     const std::string& GetPath() const override { return path; }
 
@@ -102,11 +105,13 @@ class PosixFile : public File {
     }
 
     bool IsDirectory() const override {
+        if (type != DT_UNKNOWN && type != DT_LNK) return type == DT_DIR;
         struct stat st;
         return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
     }
 
     bool IsSymlink() const override {
+        if (type != DT_UNKNOWN) return type == DT_LNK;
         struct stat st;
         return ::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
     }
@@ -120,7 +125,7 @@ class PosixFile : public File {
         while (const dirent* entry = ::readdir(dir.get())) {
             std::string_view name = entry->d_name;
             if (name != "." && name != "..") {
-                entries.push_back(MakeRef<PosixFile>(prefix + entry->d_name));
+                entries.push_back(MakeRef<PosixFile>(prefix + entry->d_name, entry->d_type));
             }
             errno = 0;
         }
@@ -162,6 +167,7 @@ class PosixFile : public File {
 
   private:
     const std::string path;
+    const unsigned char type;
 };
 
 class PosixFactory : public SystemFactory {
