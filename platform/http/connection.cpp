@@ -76,7 +76,7 @@ Task<bool> Connection::AwaitBytes() {
     auto result = co_await stream.async_read_some(net::buffer(&firstByte, 1), kAwait);
     idle = false;
     if (std::get<0>(result)) co_return false;  // gone, idle for too long, or closed by Stop
-    buffer.reserve(kActiveBufferBytes);
+    buffer.reserve(std::min(kActiveBufferBytes, buffer.max_size()));
     net::buffer_copy(buffer.prepare(1), net::buffer(&firstByte, 1));
     buffer.commit(1);
     co_return true;
