@@ -5,6 +5,7 @@
 
 #include "http/endpoint.h"
 #include "platform/app.h"
+#include "platform/process.h"
 #include "plugins/plugin_launcher.h"
 
 namespace {
@@ -34,11 +35,13 @@ int main(int argc, char** argv) {
     gLogger = app.GetLogger();
     FeatureState_Init();
 
-    if (int error = Pelinor::System::IgnoreChildSignals(); error != 0) {
+    if (int error = Pelinor::System::DefaultChildSignals(); error != 0) {
         Log(gLogger, LogLevel::Error, "%1: sigaction() failed %2 %3", "SignalHandlerInit", error,
             Pelinor::System::ErrorText(error));
         return kExitFailure;
     }
+
+    Pelinor::System::AdoptDelegatedCgroup();
 
     std::string reportDirectory;
     bool knownOptions =
@@ -60,6 +63,7 @@ int main(int argc, char** argv) {
 
         app.Run();
         endpoint.Reset();  // stops the HTTP service
+        Tessard::PluginLauncher::GetInstance()->Stop();
         configuration.Reset();
     } catch (const std::exception& e) {
         Log(gLogger, LogLevel::Error, "Exiting due to exception: %1", e.what());

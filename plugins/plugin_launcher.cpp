@@ -1,7 +1,10 @@
 // Scheduling: every batch of a category on its own timer, re-armed after each run.
 #include "plugins/plugin_launcher.h"
 
+#include <future>
+
 #include "platform/app.h"
+#include "platform/process.h"
 
 namespace Tessard {
 
@@ -16,6 +19,10 @@ constexpr uint64_t kSlowBatchSize = 2;
 constexpr uint64_t kSlowPeriod = 300;
 constexpr uint64_t kSlowDelay = 60;
 constexpr int64_t kMicrosecondsPerSecond = 1'000'000;
+// Time the daemon's stop gives the event loop to stop the plugins, and the plugins' groups
+// beyond their grace to be gone.
+constexpr auto kStopHandOver = std::chrono::seconds(5);
+constexpr auto kStopMargin = std::chrono::seconds(6);
 }  // namespace
 
 std::shared_ptr<PluginLauncher> PluginLauncher::GetInstance() {
@@ -53,13 +60,51 @@ void PluginLauncher::Init() {
     ScheduleLaunches(slowCategory);
 }
 
+void PluginLauncher::SetOutcomeObserver(PluginOutcomeObserver newObserver) {
+    std::lock_guard lock(observerMutex);
+    observer = std::move(newObserver);
+}
+
+void PluginLauncher::Stop() {
+    auto done = std::make_shared<std::promise<void>>();
+    std::future<void> handedOver = done->get_future();
+    Pelinor::Ref<Pelinor::System::ScheduledItem> item;
+    Pelinor::Service::GetApp().GetScheduler().Schedule(
+        [self = shared_from_this(), done](Pelinor::System::ScheduledItem*) {
+            self->stopping = true;
+            for (auto* category : {self->fastCategory.get(), self->slowCategory.get()}) {
+                if (category == nullptr) continue;
+                for (auto& pending : category->scheduledItems) {
+                    if (pending) pending->Cancel();
+                    pending.Reset();
+                }
+                self->KillPlugins(category->trackedPids);
+            }
+            done->set_value();
+        },
+        0, item);
+    if (handedOver.wait_for(kStopHandOver) == std::future_status::ready) {
+        Pelinor::System::ProcessLauncher::sInstance->WaitIdle(kStopMargin);
+    }
+}
+
+const PluginLauncher::PluginCategory* PluginLauncher::CategoryOf(
+    const std::vector<int32_t>& trackedPids) const {
+    for (const auto* category : {fastCategory.get(), slowCategory.get()}) {
+        if (category != nullptr && &category->trackedPids == &trackedPids) return category;
+    }
+    return nullptr;
+}
+
 void PluginLauncher::Schedule(std::unique_ptr<PluginCategory>& category, unsigned long batchIndex,
                               unsigned long firstPlugin, uint64_t delaySeconds,
                               Pelinor::Ref<Pelinor::System::ScheduledItem>& item) {
-    // The strong reference keeps the launcher alive while the callback is pending.
-    auto callback = [launcher = this, self = shared_from_this(), &category, batchIndex,
+    // Weak: the launcher holds its pending items, which must not hold it in return.
+    auto callback = [weak = weak_from_this(), &category, batchIndex,
                      firstPlugin](Pelinor::System::ScheduledItem*) {
-        launcher->ScheduleEachBatch(batchIndex, firstPlugin, category);
+        if (auto launcher = weak.lock()) {
+            launcher->ScheduleEachBatch(batchIndex, firstPlugin, category);
+        }
     };
     Pelinor::Service::GetApp().GetScheduler().Schedule(
         callback, static_cast<int64_t>(delaySeconds) * kMicrosecondsPerSecond, item);
@@ -82,6 +127,7 @@ void PluginLauncher::ScheduleLaunches(std::unique_ptr<PluginCategory>& category)
 void PluginLauncher::ScheduleEachBatch(unsigned long batchIndex, unsigned long firstPlugin,
                                        std::unique_ptr<PluginCategory>& category) {
     category->scheduledItems[batchIndex].Reset();
+    if (stopping) return;
     KillPlugins(category->trackedPids);
 
     if (category->batchSize != 0) {
