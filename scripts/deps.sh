@@ -3,6 +3,10 @@
 set -euo pipefail
 packages=(cmake ninja-build g++ libboost1.81-dev rapidjson-dev libgtest-dev libgmock-dev curl)
 if [ "${TESSARD_SANITIZERS:-0}" = 1 ]; then packages+=(clang libclang-rt-14-dev); fi
+# The cgroup v2 guest test: a kernel to boot, qemu to boot it, a userland for the guest.
+if [ "${TESSARD_GUEST:-0}" = 1 ]; then
+    packages+=(qemu-system-x86 linux-image-amd64 busybox-static cpio attr)
+fi
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'ok installed' || missing+=("$p")
