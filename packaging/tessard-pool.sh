@@ -91,6 +91,11 @@ forget_created() {
 
 create() {
     find_hierarchy
+    # Under systemd on v2 the unit delegates the daemon its group, which holds the pool.
+    if [[ $KIND == v2 && -n ${INVOCATION_ID:-} && -z ${TESSARD_CGROUP_ROOT:-} ]]; then
+        echo "cgroup v2 under systemd: the daemon keeps its pool in its own delegated group"
+        return
+    fi
     if [[ $KIND == v2 ]] && ! grep -qw memory "$HIERARCHY/cgroup.controllers"; then
         die 1 "the memory controller is not available in $HIERARCHY"
     fi
