@@ -469,7 +469,7 @@ class LinuxProcessLauncher : public ProcessLauncher {
             [this, run, &stream](const boost::system::error_code& error, size_t size) {
                 std::lock_guard lock(mutex);
                 if (!stream.pipe.is_open()) return;
-                Take(*run, stream, size);
+                Take(*run, stream, std::string_view(stream.buffer.data(), size));
                 if (!error) {
                     ReadOutput(run, stream);
                 } else {
@@ -478,23 +478,22 @@ class LinuxProcessLauncher : public ProcessLauncher {
             });
     }
 
-    // Whatever is in the pipe now, without waiting.
+    // What is in the pipe now, without waiting: at most a cap's worth, as what it left
+    // running may keep writing.
     void Drain(Run& run, OutputStream& stream) {
-        if (!stream.pipe.is_open()) return;
-        for (;;) {
-            ssize_t got = ::read(stream.pipe.native_handle(), stream.buffer.data(), kReadChunk);
-            if (got > 0) {
-                Take(run, stream, static_cast<size_t>(got));
-                continue;
-            }
+        for (size_t drained = 0; stream.pipe.is_open() && drained < kOutputCap;) {
+            // Not the stream's buffer: a read already done for the pending handler may be in it.
+            std::array<char, kReadChunk> chunk;
+            ssize_t got = ::read(stream.pipe.native_handle(), chunk.data(), chunk.size());
             if (got < 0 && errno == EINTR) continue;
             if (got == 0) Finish(run, stream);
-            return;
+            if (got <= 0) return;
+            Take(run, stream, std::string_view(chunk.data(), static_cast<size_t>(got)));
+            drained += static_cast<size_t>(got);
         }
     }
 
-    void Take(Run& run, OutputStream& stream, size_t size) {
-        std::string_view data(stream.buffer.data(), size);
+    void Take(Run& run, OutputStream& stream, std::string_view data) {
         while (!data.empty()) {
             size_t newline = data.find('\n');
             if (newline == std::string_view::npos) {

@@ -77,24 +77,52 @@ mount -t proc proc /proc
 mount -t sysfs sys /sys
 mount -t devtmpfs dev /dev
 mount -t tmpfs tmp /tmp
-mount -t cgroup2 cgroup2 /sys/fs/cgroup
 ip link set lo up
 cg=/sys/fs/cgroup
-echo "+memory +pids" >$cg/cgroup.subtree_control
-mkdir $cg/tessard.service
-setfattr -n trusted.delegate -v 1 $cg/tessard.service
 fail=""
 check() {  # pattern what
     grep -q "$1" /tmp/log || fail="$fail; $2"
 }
-
-# Launches, stops and the OOM kill, at 30 times the speed.
-run() {  # time-scale log group
-    sh -c "echo \$\$ >$cg/$3/cgroup.procs
-        exec env -i TESSARD_ROOT=/t TESSARD_TIME_SCALE=$1 /bin/tessard -r /tmp/" >$2 2>&1 &
+run() {  # time-scale log cgroup.procs [NAME=value]
+    sh -c "echo \$\$ >$3
+        exec env -i TESSARD_ROOT=/t TESSARD_TIME_SCALE=$1 $4 /bin/tessard -r /tmp/" >$2 2>&1 &
     daemon=$!
 }
-run 30 /tmp/log tessard.service
+# Batch firing to the plugin's main: one fast plugin at 300 times the speed, 20 samples.
+timing() {  # cgroup.procs [NAME=value]
+    rm -f /t/usr/lib/tolmar/tessard/plugins/config/*
+    echo '{"path": "clock"}' >/t/usr/lib/tolmar/tessard/plugins/config/clock.json
+    run 300 /tmp/clock.log "$1" "$2"
+    sleep 23
+    kill -TERM $daemon
+    wait $daemon
+    awk '/About to launch plugin clock/ { split($1, t, "T"); split(t[2], h, ":");
+             fired = h[1] * 3600 + h[2] * 60 + substr(h[3], 1, length(h[3]) - 1) }
+         / clock: main at / && fired { print ($NF - fired) * 1000; fired = 0 }' /tmp/clock.log |
+        head -n 20 | sort -n >/tmp/samples
+    count=$(wc -l </tmp/samples)
+    [ "$count" -ge 20 ] || fail="$fail; only $count timing samples"
+    median=$(sed -n '10,11p' /tmp/samples | awk '{ sum += $1 } END { print sum / 2 }')
+    echo "GUEST-TIMING: batch firing to plugin main (ms), median of $count: $median"
+    echo "GUEST-TIMING: samples: $(tr '\n' ' ' </tmp/samples)"
+}
+
+# For comparison only: the same timing on a cgroup v1 memory hierarchy of this kernel.
+if grep -q tessard.v1 /proc/cmdline; then
+    mkdir /tmp/v1
+    mount -t cgroup -o memory memory /tmp/v1
+    mkdir -p /tmp/v1/host/zol/kelpod/tessard-plugins
+    timing /tmp/v1/cgroup.procs TESSARD_CGROUP_ROOT=/tmp/v1
+    poweroff -f
+fi
+
+mount -t cgroup2 cgroup2 $cg
+echo "+memory +pids" >$cg/cgroup.subtree_control
+mkdir $cg/tessard.service
+setfattr -n trusted.delegate -v 1 $cg/tessard.service
+
+# Launches, stops and the OOM kill, at 30 times the speed.
+run 30 /tmp/log $cg/tessard.service/cgroup.procs
 sleep 25
 check "Plugin pool kept in the delegated group /sys/fs/cgroup/tessard.service" "pool not in the delegated group"
 grep -q '^0::/tessard.service/daemon$' /proc/$daemon/cgroup || fail="$fail; daemon not in its leaf"
@@ -111,23 +139,8 @@ left=$(cat $cg/tessard.service/host/zol/kelpod/tessard-plugins/*/cgroup.procs 2>
 others=$(ls -d $cg/*/ | grep -v '/tessard.service/$' | wc -l)
 [ "$others" = 0 ] || fail="$fail; groups made outside the delegated one"
 
-# Batch firing to the plugin's main, one fast plugin at 300 times the speed: 20 samples.
-rm -f /t/usr/lib/tolmar/tessard/plugins/config/*
-echo '{"path": "clock"}' >/t/usr/lib/tolmar/tessard/plugins/config/clock.json
 # Started again where the first left off, as a restart in place would be.
-run 300 /tmp/clock.log tessard.service/daemon
-sleep 23
-kill -TERM $daemon
-wait $daemon
-awk '/About to launch plugin clock/ { split($1, t, "T"); split(t[2], h, ":");
-         fired = h[1] * 3600 + h[2] * 60 + substr(h[3], 1, length(h[3]) - 1) }
-     / clock: main at / && fired { print ($NF - fired) * 1000; fired = 0 }' /tmp/clock.log |
-    head -n 20 | sort -n >/tmp/samples
-count=$(wc -l </tmp/samples)
-[ "$count" -ge 20 ] || fail="$fail; only $count timing samples"
-median=$(sed -n '10,11p' /tmp/samples | awk '{ sum += $1 } END { print sum / 2 }')
-echo "GUEST-TIMING: batch firing to plugin main (ms), median of $count: $median"
-echo "GUEST-TIMING: samples: $(tr '\n' ' ' </tmp/samples)"
+timing $cg/tessard.service/daemon/cgroup.procs
 
 if [ -n "$fail" ]; then
     echo "----- daemon log -----"
@@ -143,10 +156,18 @@ EOF
 chmod 755 "$tree/init"
 (cd "$tree" && find . | cpio -o -H newc --quiet | gzip -1) >"$work/initramfs.gz"
 
+boot() {  # console [kernel argument]
+    timeout "$BOOT_TIMEOUT_S" "$qemu" -accel tcg -cpu max -m 256 -nographic -no-reboot \
+        -kernel "$kernel" -initrd "$work/initramfs.gz" \
+        -append "console=ttyS0 panic=-1 quiet ${2:-}" </dev/null >"$1" 2>&1 || true
+}
+# With GUEST_COMPARE_V1=1, first the same timing on cgroup v1 in the same kind of guest.
+if [[ ${GUEST_COMPARE_V1:-0} == 1 ]]; then
+    boot "$work/v1" tessard.v1
+    grep '^GUEST-TIMING' "$work/v1" | sed 's/^GUEST-TIMING/GUEST-TIMING v1/' || true
+fi
 console=$work/console
-timeout "$BOOT_TIMEOUT_S" "$qemu" -accel tcg -cpu max -m 256 -nographic -no-reboot \
-    -kernel "$kernel" -initrd "$work/initramfs.gz" \
-    -append "console=ttyS0 panic=-1 quiet" </dev/null >"$console" 2>&1 || true
+boot "$console"
 sed -n '/^GUEST-\|^-----/,$p' "$console" | grep -v '^\[' || true
 if ! grep -q 'GUEST-VERDICT:' "$console"; then
     echo "no verdict from the guest; its console ends with:"
