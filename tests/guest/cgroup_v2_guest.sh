@@ -164,7 +164,7 @@ boot() {  # console [kernel argument]
 # With GUEST_COMPARE_V1=1, first the same timing on cgroup v1 in the same kind of guest.
 if [[ ${GUEST_COMPARE_V1:-0} == 1 ]]; then
     boot "$work/v1" tessard.v1
-    grep '^GUEST-TIMING' "$work/v1" | sed 's/^GUEST-TIMING/GUEST-TIMING v1/' || true
+    grep 'GUEST-TIMING' "$work/v1" | sed 's/^GUEST-TIMING/GUEST-TIMING v1/' || true
 fi
 console=$work/console
 boot "$console"
