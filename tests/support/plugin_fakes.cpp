@@ -164,8 +164,7 @@ int FakeProcessLauncher::Stop(int32_t pid, std::chrono::milliseconds grace) {
     Pelinor::System::RunEnd end;
     end.stopped = true;
     end.signalled = true;
-    end.killed = ignoreTerm;
-    end.status = ignoreTerm ? 9 : 15;
+    end.status = 15;  // SIGTERM
     End(pid, end);
     return 0;
 }

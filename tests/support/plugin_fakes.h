@@ -88,7 +88,6 @@ class FakeProcessLauncher : public Pelinor::System::ProcessLauncher {
     bool exitAtOnce = false;  // launched processes are gone before the probe
     int terminateError = 0;   // returned by Stop of a live process
     int probeError = 0;       // returned by probes of live processes, when non-zero
-    bool ignoreTerm = false;  // stopped processes outlive their grace
 
     struct Launch {
         int32_t pid;
