@@ -31,6 +31,8 @@ constexpr const char* kDaemonLeaf = "daemon";
 constexpr uint64_t kPoolCapBytes = uint64_t{512} << 20;
 // systemd marks the groups it delegates with one of these extended attributes.
 constexpr const char* kDelegateMarks[] = {"trusted.delegate", "user.delegate"};
+constexpr const char* kSystemdVariable = "INVOCATION_ID";
+constexpr const char* kServiceGroup = "/tessard.service";
 
 // The daemon's group as /proc/self/cgroup names it on a v2 host ("0::/path").
 std::string OwnGroup() {
@@ -41,6 +43,8 @@ std::string OwnGroup() {
     return {};
 }
 
+// systemd 251 and later mark the groups they delegate; earlier ones are recognised by
+// the service's own group, given that systemd started the daemon.
 bool Delegated(const std::string& group) {
     for (const char* mark : kDelegateMarks) {
         char value[2] = {};
@@ -48,7 +52,7 @@ bool Delegated(const std::string& group) {
             return true;
         }
     }
-    return false;
+    return std::getenv(kSystemdVariable) != nullptr && group.ends_with(kServiceGroup);
 }
 
 int MakeGroup(const std::string& path) {
