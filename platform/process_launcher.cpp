@@ -433,12 +433,13 @@ class LinuxProcessLauncher : public ProcessLauncher {
         {
             std::lock_guard lock(mutex);
             siginfo_t info{};
-            if (::waitid(static_cast<idtype_t>(P_PIDFD), run->exit->native_handle(), &info,
-                         WEXITED | WNOHANG) != 0 ||
-                info.si_pid == 0) {
+            int result = ::waitid(static_cast<idtype_t>(P_PIDFD), run->exit->native_handle(), &info,
+                                  WEXITED | WNOHANG);
+            if ((result != 0 && errno == EINTR) || (result == 0 && info.si_pid == 0)) {
                 WatchExit(run);
                 return;
             }
+            if (result != 0) info.si_status = -1;  // reaped by someone else: how it ended is lost
             run->reaped = true;
             run->exit->close();
             // What it wrote before it ended comes before the line that says how it ended.
