@@ -71,14 +71,9 @@ void PluginLauncher::Stop() {
     Pelinor::Ref<Pelinor::System::ScheduledItem> item;
     Pelinor::Service::GetApp().GetScheduler().Schedule(
         [self = shared_from_this(), done](Pelinor::System::ScheduledItem*) {
-            self->stopping = true;
+            self->stopping = true;  // batches that fire from now on do nothing
             for (auto* category : {self->fastCategory.get(), self->slowCategory.get()}) {
-                if (category == nullptr) continue;
-                for (auto& pending : category->scheduledItems) {
-                    if (pending) pending->Cancel();
-                    pending.Reset();
-                }
-                self->KillPlugins(category->trackedPids);
+                if (category != nullptr) self->KillPlugins(category->trackedPids);
             }
             done->set_value();
         },
