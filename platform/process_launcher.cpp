@@ -119,11 +119,11 @@ std::vector<pid_t> Members(const std::string& group) {
     return pids;
 }
 
-// Signals every process of the group; returns how many there were.
-size_t SignalMembers(const std::string& group, int signal) {
-    auto pids = Members(group);
-    for (pid_t pid : pids) ::kill(pid, signal);
-    return pids.size();
+// Signals every process of the group but `signalled`, which was reached through its pidfd.
+void SignalMembers(const std::string& group, int signal, pid_t signalled = 0) {
+    for (pid_t pid : Members(group)) {
+        if (pid != signalled) ::kill(pid, signal);
+    }
 }
 
 // The "oom_kill N" count of a group's memory events.
@@ -141,7 +141,8 @@ uint64_t OomKills(const std::string& group, Cgroup::Kind kind) {
 struct ChildPlan {
     const char* path;
     char* const* argv;
-    int joinFd;  // cgroup.procs of its group, or -1 when the kernel put it there already
+    int joinFd;      // cgroup.procs of its group, or -1 when the kernel put it there already
+    int joinPidsFd;  // cgroup.procs of its group in a v1 pids hierarchy, or -1
     int stdoutFd;
     int stderrFd;
     int reportFd;
@@ -161,6 +162,9 @@ struct ChildPlan {
 [[noreturn]] void ExecInGroup(const ChildPlan& plan) {
     // Join first: not one instruction of the plugin may run outside its group.
     if (plan.joinFd >= 0 && ::write(plan.joinFd, "0", 1) != 1) ReportAndExit(plan.reportFd);
+    if (plan.joinPidsFd >= 0 && ::write(plan.joinPidsFd, "0", 1) != 1) {
+        ReportAndExit(plan.reportFd);
+    }
     if (::dup2(plan.stdoutFd, STDOUT_FILENO) < 0 || ::dup2(plan.stderrFd, STDERR_FILENO) < 0) {
         ReportAndExit(plan.reportFd);
     }
@@ -208,7 +212,8 @@ struct OutputStream {
 struct Run {
     pid_t pid = 0;
     std::string groupName;
-    std::string group;  // path
+    std::string group;      // path
+    std::string pidsGroup;  // its counterpart in a v1 pids hierarchy, or empty
     Cgroup::Kind kind = Cgroup::Kind::kV2;
     RunOptions options;
     Clock::time_point started;
@@ -239,6 +244,9 @@ class LinuxProcessLauncher : public ProcessLauncher {
         std::string pool = Cgroup::PoolPath(hierarchy);
         if (!IsDirectory(pool)) return ENOENT;
         Sweep(pool);
+        std::string pidsPool = Cgroup::PidsPoolPath(hierarchy);
+        if (!IsDirectory(pidsPool)) pidsPool.clear();
+        if (!pidsPool.empty()) Sweep(pidsPool);
 
         auto run = std::make_shared<Run>();
         if (int error = CreateGroup(pool, run->groupName)) return error;
@@ -246,9 +254,18 @@ class LinuxProcessLauncher : public ProcessLauncher {
         run->kind = hierarchy.kind;
         run->options = options;
         int error = SetLimits(run->group, hierarchy.kind, megabytes, options.pidsMax);
+        if (error == 0 && options.pidsMax > 0 && !pidsPool.empty()) {
+            run->pidsGroup = pidsPool + "/" + run->groupName;
+            error = ::mkdir(run->pidsGroup.c_str(), 0755) == 0 ? 0 : errno;
+            if (error == 0) {
+                error = Cgroup::WriteText(run->pidsGroup + "/pids.max",
+                                          std::to_string(options.pidsMax));
+            }
+        }
         if (error == 0) error = Start(path, argv, *run);
         std::lock_guard lock(mutex);
         if (error != 0) {
+            if (!run->pidsGroup.empty()) ::rmdir(run->pidsGroup.c_str());
             ::rmdir(run->group.c_str());
             activeGroups.erase(run->groupName);
             return error;
@@ -351,6 +368,11 @@ class LinuxProcessLauncher : public ProcessLauncher {
         Fd join(::open((run.group + (intoGroup ? "" : "/cgroup.procs")).c_str(),
                        (intoGroup ? O_RDONLY | O_DIRECTORY : O_WRONLY) | O_CLOEXEC));
         if (!join) return errno;
+        Fd joinPids;
+        if (!run.pidsGroup.empty()) {
+            joinPids = Fd(::open((run.pidsGroup + "/cgroup.procs").c_str(), O_WRONLY | O_CLOEXEC));
+            if (!joinPids) return errno;
+        }
         int ends[2];
         if (::pipe2(ends, O_CLOEXEC) != 0) return errno;
         Fd reportRead(ends[0]);
@@ -369,6 +391,7 @@ class LinuxProcessLauncher : public ProcessLauncher {
         ChildPlan plan{path,
                        argv,
                        intoGroup ? -1 : join.Get(),
+                       joinPids.Get(),
                        outWrite.Get(),
                        errWrite.Get(),
                        reportWrite.Get(),
@@ -543,7 +566,8 @@ class LinuxProcessLauncher : public ProcessLauncher {
     void BeginStop(const std::shared_ptr<Run>& run, std::chrono::milliseconds grace) {
         if (run->stopping) return;
         run->stopping = true;
-        SignalMembers(run->group, SIGTERM);
+        // One SIGTERM each: the run's own process had its own through the pidfd, if still there.
+        SignalMembers(run->group, SIGTERM, run->pid);
         run->deadline = Clock::now() + grace;
         net::post(EventLoop(), [this, run] {
             std::lock_guard lock(mutex);
@@ -585,6 +609,7 @@ class LinuxProcessLauncher : public ProcessLauncher {
         if (!run->reaped || !Members(run->group).empty()) return false;
         // A group whose last process is still exiting refuses for a moment.
         if (::rmdir(run->group.c_str()) != 0 && errno == EBUSY) return false;
+        if (!run->pidsGroup.empty()) ::rmdir(run->pidsGroup.c_str());
         Forget(run);
         return true;
     }

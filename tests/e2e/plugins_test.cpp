@@ -156,10 +156,13 @@ TEST(PluginsE2E, RunInsideThePoolReportBackAndAreStoppedWhole) {
     EXPECT_EQ(Lines(bin + "probe.out/fds"), (std::vector<std::string>{"0", "1", "2"}));
     std::string groupPrefix = cgroup.ProcPath() + "/" + kPool + "/";
     bool inPool = false;
+    bool pidsCapped = !fs::exists("/sys/fs/cgroup/pids/cgroup.procs");  // or no pids hierarchy
     for (const auto& line : Lines(bin + "probe.out/cgroup")) {
         inPool |= line.find(":memory:" + groupPrefix) != std::string::npos;
+        pidsCapped |= line.find(":pids:" + groupPrefix) != std::string::npos;
     }
     EXPECT_TRUE(inPool) << "probe ran outside " << groupPrefix;
+    EXPECT_TRUE(pidsCapped) << "probe ran outside the pool's pids counterpart";
     EXPECT_TRUE(daemon.HasLine("info", launcher,
                                "Number of fast plugins: 5, Throttle timeout: 30, Min period: 150"));
 
