@@ -22,7 +22,17 @@ constexpr std::string_view kOverridesPrefix = "pluginOverrides/";
 constexpr int32_t kMaxPort = 65535;
 constexpr int32_t kMinFastPeriodMin = 5;
 
-enum class Kind { Port, Level, Text, FastPeriod, PoolSize, Enabled, Frequency, PluginLogLevel };
+enum class Kind {
+    Port,
+    Level,
+    Text,
+    FastPeriod,
+    PoolSize,
+    Enabled,
+    Frequency,
+    PluginLogLevel,
+    PidsMax
+};
 
 std::optional<Kind> Classify(const std::string& key) {
     if (key == kHttpPortKey) return Kind::Port;
@@ -38,6 +48,7 @@ std::optional<Kind> Classify(const std::string& key) {
     if (setting == "enabled") return Kind::Enabled;
     if (setting == "frequency") return Kind::Frequency;
     if (setting == "loglevel") return Kind::PluginLogLevel;
+    if (setting == "pidsMax") return Kind::PidsMax;
     return std::nullopt;
 }
 
@@ -87,6 +98,9 @@ std::string ValueProblem(Kind kind, const std::string& value) {
             return IsPrefixOfAny(value, kLogLevelNames)
                        ? ""
                        : "not debug, info, warning, error or critical: ignored";
+        case Kind::PidsMax:
+            if (!Config::ParseInt(value, number)) return "not an integer: ignored";
+            return number > 0 ? "" : "not above 0: ignored";
     }
     return "";
 }

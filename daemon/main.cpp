@@ -9,6 +9,7 @@
 #include "daemon/status_publisher.h"
 #include "http/endpoint.h"
 #include "platform/app.h"
+#include "platform/process.h"
 #include "plugins/plugin_launcher.h"
 
 namespace {
@@ -126,11 +127,14 @@ int main(int argc, char** argv) {
     gLogger = app.GetLogger();
     FeatureState_Init();
 
-    if (int error = Pelinor::System::IgnoreChildSignals(); error != 0) {
+    if (int error = Pelinor::System::DefaultChildSignals(); error != 0) {
         Log(gLogger, LogLevel::Error, "%1: sigaction() failed %2 %3", "SignalHandlerInit", error,
             Pelinor::System::ErrorText(error));
         return kExitFailure;
     }
+
+    Pelinor::System::AdoptDelegatedCgroup();
+
     std::string reportDirectory;
     for (const std::string& directory : reportDirectories) {
         reportDirectory = directory;
@@ -178,6 +182,7 @@ int main(int argc, char** argv) {
         publisher.Tick(Tessard::Clock::now());
         app.Run(hooks);
         endpoint.Reset();  // stops the HTTP service
+        launcher->Stop();  // its running plugins' groups too
         board.OnStopped(Tessard::Clock::now());
         publisher.Tick(Tessard::Clock::now());
     } catch (const std::exception& e) {

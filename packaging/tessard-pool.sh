@@ -51,6 +51,17 @@ find_hierarchy() {
     fi
     POOL=$HIERARCHY/$(IFS=/; echo "${CHAIN[*]}")
     STATE_FILE=$STATE_DIR/${HIERARCHY//\//_}.created
+    # v1 keeps the pids controller in a hierarchy of its own beside memory; the daemon
+    # looks for the pool's counterpart there, the same path with memory/ replaced by pids/.
+    PIDS_HIERARCHY= PIDS_POOL=
+    if [[ $KIND == v1 && $HIERARCHY == */memory* ]]; then
+        local prefix=${HIERARCHY%%/memory*}
+        local rest=${HIERARCHY#"$prefix/memory"}
+        if [[ (-z $rest || $rest == /*) && -e $prefix/pids/cgroup.procs && -d $prefix/pids$rest ]]; then
+            PIDS_HIERARCHY=$prefix/pids$rest
+            PIDS_POOL=$PIDS_HIERARCHY/$(IFS=/; echo "${CHAIN[*]}")
+        fi
+    fi
 }
 
 limit_file() { if [[ $KIND == v2 ]]; then echo memory.max; else echo memory.limit_in_bytes; fi; }
@@ -89,13 +100,10 @@ forget_created() {
     fi
 }
 
-create() {
-    find_hierarchy
-    if [[ $KIND == v2 ]] && ! grep -qw memory "$HIERARCHY/cgroup.controllers"; then
-        die 1 "the memory controller is not available in $HIERARCHY"
-    fi
-    local dir=$HIERARCHY name error existed=0
-    [[ -d $POOL ]] && existed=1
+# Makes the groups from $1 down to the pool, recording the ones it made; on v2 each hands
+# memory down to its children.
+make_chain() {
+    local dir=$1 name error
     for name in "${CHAIN[@]}"; do
         if [[ $KIND == v2 ]]; then enable_memory "$dir"; fi
         dir=$dir/$name
@@ -104,7 +112,23 @@ create() {
             record_created "$dir"
         fi
     done
+}
+
+create() {
+    find_hierarchy
+    # Under systemd on v2 the unit delegates the daemon its group, which holds the pool.
+    if [[ $KIND == v2 && -n ${INVOCATION_ID:-} && -z ${TESSARD_CGROUP_ROOT:-} ]]; then
+        echo "cgroup v2 under systemd: the daemon keeps its pool in its own delegated group"
+        return
+    fi
+    if [[ $KIND == v2 ]] && ! grep -qw memory "$HIERARCHY/cgroup.controllers"; then
+        die 1 "the memory controller is not available in $HIERARCHY"
+    fi
+    local existed=0
+    [[ -d $POOL ]] && existed=1
+    make_chain "$HIERARCHY"
     if [[ $KIND == v2 ]]; then enable_memory "$POOL"; fi
+    if [[ -n $PIDS_POOL ]]; then make_chain "$PIDS_HIERARCHY"; fi
     # The service runs create at every start: an operator's cap stays unless one is given.
     if ((existed)) && [[ -z $CAP_GIVEN ]]; then
         echo "pool $POOL ready, capped at $(cat "$POOL/$(limit_file)") bytes"
@@ -114,23 +138,23 @@ create() {
     echo "pool $POOL ready, capped at $CAP_MB MiB"
 }
 
-remove() {
-    find_hierarchy
-    local child dir
-    if [[ -d $POOL ]]; then
-        for child in "$POOL"/*/; do
+# Removes a pool (given empty plugin groups only), then its parents, deepest first, as far as
+# create made them and they are empty.
+remove_chain() {
+    local pool=$1 base=$2 child dir
+    if [[ -d $pool ]]; then
+        for child in "$pool"/*/; do
             [[ -d $child ]] || continue
             rmdir "${child%/}" 2>/dev/null || die 1 "plugin group ${child%/} still has processes"
         done
-        rmdir "$POOL" 2>/dev/null || die 1 "cannot remove $POOL: it still has processes"
-        echo "removed $POOL"
+        rmdir "$pool" 2>/dev/null || die 1 "cannot remove $pool: it still has processes"
+        echo "removed $pool"
     else
-        echo "no pool at $POOL"
+        echo "no pool at $pool"
     fi
-    forget_created "$POOL"
-    # Then the parents, deepest first, as far as create made them and they are empty.
-    dir=${POOL%/*}
-    while [[ $dir != "$HIERARCHY" ]]; do
+    forget_created "$pool"
+    dir=${pool%/*}
+    while [[ $dir != "$base" ]]; do
         if was_created "$dir"; then
             if [[ -d $dir ]] && ! rmdir "$dir" 2>/dev/null; then
                 echo "kept $dir: it holds other groups"
@@ -140,6 +164,12 @@ remove() {
         fi
         dir=${dir%/*}
     done
+}
+
+remove() {
+    find_hierarchy
+    remove_chain "$POOL" "$HIERARCHY"
+    if [[ -n $PIDS_POOL ]]; then remove_chain "$PIDS_POOL" "$PIDS_HIERARCHY"; fi
 }
 
 status() {
@@ -152,6 +182,9 @@ status() {
     done
     [[ -d $POOL ]] || return 1
     echo "cap: $(cat "$POOL/$(limit_file)") bytes"
+    if [[ -n $PIDS_POOL ]]; then
+        if [[ -d $PIDS_POOL ]]; then echo "pids pool: $PIDS_POOL"; else echo "absent:  $PIDS_POOL"; fi
+    fi
     for child in "$POOL"/*/; do
         [[ -d $child ]] || continue
         count=$((count + 1))

@@ -152,9 +152,9 @@ std::string RootedPath(const std::string& path) {
     return root == nullptr ? path : root + path;
 }
 
-int IgnoreChildSignals() {
+int DefaultChildSignals() {
     struct sigaction action {};
-    action.sa_handler = SIG_IGN;
+    action.sa_handler = SIG_DFL;
     sigemptyset(&action.sa_mask);
     action.sa_flags = 0;
     return ::sigaction(SIGCHLD, &action, nullptr) == -1 ? errno : 0;

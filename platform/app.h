@@ -77,8 +77,9 @@ namespace Pelinor::System {
 // Prefixes a fixed system path with $TESSARD_ROOT (empty by default).
 std::string RootedPath(const std::string& path);
 
-// Sets SIGCHLD to be ignored, so children never become zombies; 0 or an errno value.
-int IgnoreChildSignals();
+// Sets SIGCHLD to its default: plugins are reaped through their pidfds, which an ignored
+// SIGCHLD would defeat (the kernel would reap them first). 0 or an errno value.
+int DefaultChildSignals();
 std::string ErrorText(int error);
 
 struct LongOption {

@@ -57,6 +57,20 @@ inline std::string PoolPath(const Hierarchy& hierarchy) {
     return hierarchy.path + "/" + std::string(kPoolPath);
 }
 
+// On v1 the pids controller has a hierarchy of its own, mounted beside the memory one: the
+// pool's counterpart there is the same path with the memory mount's directory replaced.
+// Empty on v2 (one hierarchy holds both) and where v1 has no pids hierarchy beside memory.
+inline std::string PidsPoolPath(const Hierarchy& hierarchy) {
+    if (hierarchy.kind != Kind::kV1Memory) return {};
+    const std::string& path = hierarchy.path;
+    size_t at = path.find("/memory");
+    size_t end = at + std::string_view("/memory").size();
+    if (at == std::string::npos || (end != path.size() && path[end] != '/')) return {};
+    std::string pids = path.substr(0, at) + "/pids";
+    if (!Exists(pids + "/pids.max") && !Exists(pids + "/cgroup.procs")) return {};
+    return pids + path.substr(end) + "/" + std::string(kPoolPath);
+}
+
 inline const char* PeakFile(Kind kind) {
     return kind == Kind::kV2 ? "memory.peak" : "memory.max_usage_in_bytes";
 }

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <thread>
 
+#include "platform/scheduler_loop.h"
 #include "platform/exceptions.h"
 #include "platform/format.h"
 #include "platform/logging.h"
@@ -95,6 +96,8 @@ class AsioScheduler : public Scheduler {
         }
     }
 
+    net::io_context& Context() { return *context; }
+
     void Schedule(const ScheduledCallback& callback, int64_t delayUs,
                   Ref<ScheduledItem>& item) override {
         auto scheduled = MakeRef<AsioItem>(callback, context);
@@ -151,9 +154,19 @@ constinit RealScheduler gRealScheduler;
 
 Scheduler* Scheduler::sInstance = &gRealScheduler;
 
-Scheduler& Scheduler::Real() {
+namespace {
+AsioScheduler& RealAsio() {
     static AsioScheduler real(ParseTimeScale(std::getenv(kTimeScaleVariable)));
     return real;
+}
+}  // namespace
+
+Scheduler& Scheduler::Real() {
+    return RealAsio();
+}
+
+net::io_context& SchedulerLoop() {
+    return RealAsio().Context();
 }
 
 std::unique_ptr<Scheduler> Scheduler::Create(int64_t timeScale) {

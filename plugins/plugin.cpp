@@ -66,6 +66,7 @@ Plugin::Plugin(const PluginConfiguration& configuration)
       logLevel(configuration.logLevel),
       name(configuration.name),
       completePath(configuration.completePath),
+      pidsMax(configuration.pidsMax),
       logger(Logger::CreateLogger(Logger::sDefaultLogger, "Plugin")) {
     Pelinor::Ref<Pelinor::Service::Config> config;
     Pelinor::Service::GetApp().GetConfig(config);

@@ -18,6 +18,8 @@ constexpr std::array<std::string_view, 3> kFrequencyNames = {"fast", "medium", "
 constexpr std::array<std::string_view, 5> kLogLevelNames = {"debug", "info", "warning", "error",
                                                             "critical"};
 constexpr int32_t kFastFrequency = 0;
+// Processes one plugin run may have at once, where the kernel can cap them.
+constexpr uint32_t kDefaultPidsMax = 256;
 
 // Process-wide plugin settings, fixed while the launcher is built (and again at a reload).
 constexpr uint64_t kDefaultFastTimePeriodMin = 5;
@@ -35,6 +37,7 @@ struct PluginConfiguration {
     std::string logLevel;                // one of kLogLevelNames, or empty
     std::string name;                    // relative path up to its last "."
     std::string completePath;            // plugin binary directory + relative path
+    uint32_t pidsMax = kDefaultPidsMax;
 };
 
 void SetPath(PluginConfiguration& configuration, const std::string& relativePath);
@@ -60,6 +63,7 @@ class Plugin {
     const std::string logLevel;
     const std::string name;
     const std::string completePath;
+    const uint32_t pidsMax;
 
   private:
     std::vector<char*> arguments;  // heap C strings owned here, released with free()

@@ -69,6 +69,15 @@ bool GetPluginOverride(const std::string& name, const std::string& key, std::str
     return true;
 }
 
+bool GetPluginOverride(const std::string& name, const std::string& key, int32_t& value,
+                       const Ref<Pelinor::Service::Logger>& logger) {
+    std::string keyPath = kOverridesPrefix + name + "/" + key;
+    Log(logger, LogLevel::Trivia, "Checking config: %1", keyPath);
+    if (!Configuration()->GetInt(keyPath, value)) return false;
+    Log(logger, LogLevel::Info, "Override plugin configuration: %1.%2: %3", name, key, value);
+    return true;
+}
+
 }  // namespace
 
 void PluginLauncher::ReadLauncherOverrides() {
@@ -100,6 +109,15 @@ void PluginLauncher::ApplyPluginOverrides(PluginConfiguration& configuration) {
     }
     if (GetPluginOverride(configuration.name, "loglevel", text, logger)) {
         SetLogLevel(configuration, text);
+    }
+    int32_t pidsMax = 0;
+    if (GetPluginOverride(configuration.name, "pidsMax", pidsMax, logger)) {
+        if (pidsMax > 0) {
+            configuration.pidsMax = static_cast<uint32_t>(pidsMax);
+        } else {
+            Log(logger, LogLevel::Error, "Plugin %1: pidsMax must be positive, not %2",
+                configuration.name, pidsMax);
+        }
     }
 }
 

@@ -2,8 +2,10 @@
 #include "plugins/plugin_launcher.h"
 
 #include <chrono>
+#include <future>
 
 #include "platform/app.h"
+#include "platform/process.h"
 
 namespace Tessard {
 
@@ -18,6 +20,10 @@ constexpr uint64_t kSlowBatchSize = 2;
 constexpr uint64_t kSlowPeriod = 300;
 constexpr uint64_t kSlowDelay = 60;
 constexpr int64_t kMicrosecondsPerSecond = 1'000'000;
+// Time the daemon's stop gives the event loop to stop the plugins, and the plugins' groups
+// beyond their grace to be gone.
+constexpr auto kStopHandOver = std::chrono::seconds(5);
+constexpr auto kStopMargin = std::chrono::seconds(6);
 }  // namespace
 
 std::shared_ptr<PluginLauncher> PluginLauncher::GetInstance() {
@@ -115,18 +121,48 @@ void PluginLauncher::SetScheduleObserver(PluginScheduleObserver observer) {
     scheduleObserver = std::move(observer);
 }
 
-void PluginLauncher::SetOutcomeObserver(PluginOutcomeObserver observer) {
-    outcomeObserver = std::move(observer);
+void PluginLauncher::SetOutcomeObserver(PluginOutcomeObserver newObserver) {
+    std::lock_guard lock(observerMutex);
+    observer = std::move(newObserver);
+}
+
+void PluginLauncher::Stop() {
+    auto done = std::make_shared<std::promise<void>>();
+    std::future<void> handedOver = done->get_future();
+    Pelinor::Ref<Pelinor::System::ScheduledItem> item;
+    Pelinor::Service::GetApp().GetScheduler().Schedule(
+        [self = shared_from_this(), done](Pelinor::System::ScheduledItem*) {
+            self->stopping = true;  // batches that fire from now on do nothing
+            for (auto* category : {self->fastCategory.get(), self->slowCategory.get()}) {
+                if (category != nullptr) self->KillPlugins(category->trackedPids);
+            }
+            done->set_value();
+        },
+        0, item);
+    if (handedOver.wait_for(kStopHandOver) == std::future_status::ready) {
+        Pelinor::System::ProcessLauncher::sInstance->WaitIdle(kStopMargin);
+    }
+}
+
+const PluginLauncher::PluginCategory* PluginLauncher::CategoryOf(
+    const std::vector<int32_t>& trackedPids) const {
+    for (const auto* category : {fastCategory.get(), slowCategory.get()}) {
+        if (category != nullptr && &category->trackedPids == &trackedPids) return category;
+    }
+    return nullptr;
 }
 
 void PluginLauncher::Schedule(std::unique_ptr<PluginCategory>& category, unsigned long batchIndex,
                               unsigned long firstPlugin, uint64_t delaySeconds,
                               Pelinor::Ref<Pelinor::System::ScheduledItem>& item) {
-    // The strong reference keeps the launcher alive while the callback is pending.
-    auto callback = [launcher = this, self = shared_from_this(), &category, batchIndex, firstPlugin,
+    // Weak: the launcher holds its pending items, which must not hold it in return. A
+    // callback armed before a reload does nothing.
+    auto callback = [weak = weak_from_this(), &category, batchIndex, firstPlugin,
                      armed = generation](Pelinor::System::ScheduledItem*) {
-        if (armed == launcher->generation)
+        auto launcher = weak.lock();
+        if (launcher && armed == launcher->generation) {
             launcher->ScheduleEachBatch(batchIndex, firstPlugin, category);
+        }
     };
     Pelinor::Service::GetApp().GetScheduler().Schedule(
         callback, static_cast<int64_t>(delaySeconds) * kMicrosecondsPerSecond, item);
@@ -149,6 +185,7 @@ void PluginLauncher::ScheduleLaunches(std::unique_ptr<PluginCategory>& category)
 void PluginLauncher::ScheduleEachBatch(unsigned long batchIndex, unsigned long firstPlugin,
                                        std::unique_ptr<PluginCategory>& category) {
     category->scheduledItems[batchIndex].Reset();
+    if (stopping) return;
     KillPlugins(category->trackedPids);
 
     if (category->batchSize != 0) {

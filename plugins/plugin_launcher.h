@@ -3,8 +3,10 @@
 // plugins inside the resource pool.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -46,7 +48,12 @@ class PluginLauncher : public std::enable_shared_from_this<PluginLauncher> {
 
     // Set before Init; called on the scheduler's thread.
     void SetScheduleObserver(PluginScheduleObserver observer);
+    // Who hears how every run ended, launch failures included: one call per run, on the
+    // event loop. May be set from any thread, before or after Init.
     void SetOutcomeObserver(PluginOutcomeObserver observer);
+    // For the daemon's stop: no batch runs any more, and every plugin's group is stopped.
+    // Blocks until they are gone, for a bounded time.
+    void Stop();
 
     // Read by tests; set up by Init.
     const std::unique_ptr<PluginCategory>& FastCategory() const { return fastCategory; }
@@ -74,6 +81,10 @@ class PluginLauncher : public std::enable_shared_from_this<PluginLauncher> {
     void Schedule(std::unique_ptr<PluginCategory>& category, unsigned long batchIndex,
                   unsigned long firstPlugin, uint64_t delaySeconds,
                   Pelinor::Ref<Pelinor::System::ScheduledItem>& item);
+    // The category whose tracked list this is; nullptr for any other list.
+    const PluginCategory* CategoryOf(const std::vector<int32_t>& trackedPids) const;
+    // Logs how a run ended, with the plugin's name, and tells the observer.
+    void Report(const PluginRunOutcome& outcome, const std::string& reason = {});
 
     Pelinor::Ref<Pelinor::Service::Logger> logger;
     std::unique_ptr<PluginCategory> fastCategory;
@@ -81,7 +92,9 @@ class PluginLauncher : public std::enable_shared_from_this<PluginLauncher> {
     // Bumped by Reload: callbacks armed before it do nothing when they fire.
     uint64_t generation = 0;
     PluginScheduleObserver scheduleObserver;
-    PluginOutcomeObserver outcomeObserver;
+    bool stopping = false;  // the daemon stops: on the event loop only
+    std::mutex observerMutex;
+    PluginOutcomeObserver observer;
 };
 
 }  // namespace Tessard

@@ -14,7 +14,7 @@ enum class PluginEnd {
     OutOfMemory,              // killed by the kernel inside its memory cap
     StoppedAtNextBatch,       // ended by SIGTERM from its category's next batch (or daemon stop)
     KilledAfterIgnoringTerm,  // still there after the grace period: SIGKILL
-    LaunchFailed,             // status = error number
+    LaunchFailed,             // status = error number (0: the resource pool checks failed)
 };
 
 struct PluginRunOutcome {

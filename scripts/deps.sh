@@ -7,6 +7,10 @@ if [ "${TESSARD_SANITIZERS:-0}" = 1 ]; then packages+=(clang libclang-rt-14-dev)
 if [ "${TESSARD_DEMO:-0}" = 1 ]; then packages+=(jq); fi
 # The Debian package (scripts/package.sh), its check, and the alert rules' check.
 if [ "${TESSARD_PACKAGING:-0}" = 1 ]; then packages+=(debhelper dpkg-dev lintian prometheus); fi
+# The cgroup v2 guest test: a kernel to boot, qemu to boot it, a userland for the guest.
+if [ "${TESSARD_GUEST:-0}" = 1 ]; then
+    packages+=(qemu-system-x86 linux-image-amd64 busybox-static cpio attr)
+fi
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'ok installed' || missing+=("$p")

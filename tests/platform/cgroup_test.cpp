@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -87,7 +88,22 @@ class Cgroup : public testing::Test {
         std::vector<char*> argv;
         for (auto& arg : args) argv.push_back(arg.data());
         argv.push_back(nullptr);
-        return launcher.Launch(argv[0], argv.data(), pid);
+        Pelinor::System::RunOptions options;
+        options.name = "test";
+        options.logger = Pelinor::Service::Logger::sDefaultLogger;
+        options.onEnd = [this](const Pelinor::System::RunEnd& end) {
+            std::lock_guard lock(mutex);
+            ends.push_back(end);
+        };
+        return launcher.Launch(argv[0], argv.data(), options, pid);
+    }
+
+    // Stops the run and waits until its group is gone; how it ended.
+    Pelinor::System::RunEnd StopRun() {
+        EXPECT_EQ(launcher.Stop(pid, std::chrono::seconds(2)), 0);
+        EXPECT_TRUE(launcher.WaitIdle(std::chrono::seconds(10)));
+        std::lock_guard lock(mutex);
+        return ends.empty() ? Pelinor::System::RunEnd{} : ends.back();
     }
 
     // The pool script's exit code; what it prints goes to the test's log. Its root is
@@ -122,6 +138,8 @@ class Cgroup : public testing::Test {
     Ktab::Interface& ktab = *Ktab::Interface::sInstance;
     Pelinor::System::ProcessLauncher& launcher = *Pelinor::System::ProcessLauncher::sInstance;
     std::vector<Ktab::ParamList*> lists;
+    std::mutex mutex;
+    std::vector<Pelinor::System::RunEnd> ends;
     TessardTest::TempDir temp;
     int32_t pid = -1;
     bool v2 = false;
@@ -195,8 +213,8 @@ TEST_F(Cgroup, LauncherRefusesBadRequestsAndKeepsOnlyGroupsInUse) {
         << "the dead daemon's group is swept; the failed starts leave nothing";
     for (const char* leftover : {"run-1-0", "other"}) ::rmdir((pool + "/" + leftover).c_str());
 
-    // The daemon ignores SIGCHLD; a plugin inheriting that would lose its children's exit
-    // statuses. env keeps the dispositions it was given and takes the request for a variable.
+    // An ignored SIGCHLD inherited by a plugin would lose its children's exit statuses.
+    // env keeps the dispositions it was given and takes the request for a variable.
     auto daemonChild = ::signal(SIGCHLD, SIG_IGN);
     int launched = Launch({"/usr/bin/env", kRequest, "sleep", "60"});
     ::signal(SIGCHLD, daemonChild);
@@ -207,13 +225,7 @@ TEST_F(Cgroup, LauncherRefusesBadRequestsAndKeepsOnlyGroupsInUse) {
     auto groups = ChildGroups(pool);
     ASSERT_EQ(groups.size(), 1u);
     EXPECT_EQ(Number(pool + "/" + groups[0] + "/" + limitFile), 16u << 20);
-    EXPECT_EQ(launcher.Signal(pid, SIGKILL), 0);
-    ASSERT_EQ(::waitpid(pid, nullptr, 0), pid);
-    EXPECT_EQ(launcher.Signal(pid, 0), ESRCH) << "the pid may be another process's by now";
 
-    // The group stays, for its peak, until the pid is forgotten, even through a sweep.
-    EXPECT_EQ(Launch({temp / "missing", kRequest}), ENOENT);
-    EXPECT_EQ(ChildGroups(pool), groups);
     uint64_t poolId = 0;
     ASSERT_EQ(IdOf(kPoolPath, poolId), 0u);
     uint8_t record[Ktab::kMemoryStatsSize] = {};
@@ -231,8 +243,13 @@ TEST_F(Cgroup, LauncherRefusesBadRequestsAndKeepsOnlyGroupsInUse) {
     EXPECT_EQ(kb(Ktab::kChildrenPeakReservationOffset),
               Number(pool + "/" + groups[0] + "/" + peakFile) / 1024);
     EXPECT_EQ(kb(Ktab::kPeakReservationOffset), Number(pool + "/" + peakFile) / 1024);
-    launcher.Forget(pid);
+
+    // Reaped by the launcher, with its group gone once it is.
+    auto end = StopRun();
+    EXPECT_TRUE(end.stopped && end.signalled && end.status == SIGTERM && !end.killed);
+    EXPECT_GT(end.peakKb, 0u);
     EXPECT_TRUE(ChildGroups(pool).empty());
+    EXPECT_EQ(launcher.Signal(pid, 0), ESRCH) << "the pid may be another process's by now";
 
     MakeGroups("bare");  // a memory group without the pool in it
     ::setenv(kRootVariable, (root + "/bare").c_str(), 1);
@@ -261,14 +278,12 @@ TEST_F(Cgroup, PoolScriptCreatesReportsAndRemovesOnlyWhatItMade) {
     ASSERT_EQ(Launch({"/usr/bin/env", kRequest, "sleep", "60"}), 0);
     EXPECT_EQ(Pool("remove"), 1);
     EXPECT_TRUE(fs::is_directory(pool));
-    EXPECT_EQ(launcher.Signal(pid, SIGKILL), 0);
-    ::waitpid(pid, nullptr, 0);
+    StopRun();
     MakeGroups(std::string(kPoolPath) + "/idle");
     EXPECT_EQ(Pool("remove"), 0);
     EXPECT_FALSE(fs::exists(root + "/host/zol"));
     EXPECT_TRUE(fs::is_directory(root + "/host"));
     EXPECT_EQ(Pool("remove"), 0);
-    launcher.Forget(pid);
 }
 
 }  // namespace

@@ -1,10 +1,12 @@
 #include <cerrno>
+#include <optional>
 
 #include "tests/plugins/plugin_env.h"
 
 namespace {
 
 using Pelinor::Service::LogLevel;
+using Pelinor::System::RunEnd;
 
 class PluginLauncherTest : public TessardTest::PluginEnv {
   protected:
@@ -43,11 +45,12 @@ TEST_F(PluginLauncherTest, FastBatchesRunThirtySecondsApartAndStopTheirPredecess
     // Every batch stops the previous batch's process, with one SIGTERM each.
     ASSERT_GE(processes.terminated.size(), 4u);
     for (size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(processes.terminated[i].first, processes.launches[i].pid);
-        EXPECT_DOUBLE_EQ(processes.terminated[i].second, processes.launches[i + 1].at);
+        EXPECT_EQ(processes.terminated[i].pid, processes.launches[i].pid);
+        EXPECT_DOUBLE_EQ(processes.terminated[i].at, processes.launches[i + 1].at);
+        EXPECT_EQ(processes.terminated[i].grace, std::chrono::seconds(5)) << "a tenth, at most 5 s";
         EXPECT_TRUE(log.Has(LogLevel::Info, std::to_string(processes.launches[i].pid) + " killed"));
     }
-    EXPECT_EQ(processes.terminated[3].second, 330) << "the last plugin runs until the next cycle";
+    EXPECT_EQ(processes.terminated[3].at, 330) << "the last plugin runs until the next cycle";
     EXPECT_TRUE(log.Has(LogLevel::Trivia, "Scheduled the next iteration"));
     EXPECT_TRUE(log.Has(LogLevel::Verbose, "Pushed plugin " + processes.launches[0].argv[0] + " (" +
                                                std::to_string(processes.launches[0].pid) +
@@ -126,7 +129,6 @@ TEST_F(PluginLauncherTest, LaunchFailuresAreLoggedAndRetriedNextIteration) {
     log.Clear();
     scheduler.RunUntil(330);
     EXPECT_TRUE(log.Has(LogLevel::Error, "Plugin launched but failed to run: No such process"));
-    EXPECT_EQ(processes.forgotten.count(processes.launches.back().pid), 1u);
     EXPECT_EQ(log.Count("Peak requested reservation (MB): 0, Peak requested reservation of "
                         "children groups (MB): 0"),
               2);
@@ -142,19 +144,65 @@ TEST_F(PluginLauncherTest, LaunchFailuresAreLoggedAndRetriedNextIteration) {
     processes.terminateError = EPERM;
     scheduler.RunUntil(660);
     EXPECT_TRUE(log.Has(LogLevel::Error, "Could not kill " + std::to_string(stubborn) + ": 1"));
-    EXPECT_EQ(processes.forgotten.count(stubborn), 1u);
     EXPECT_EQ(launcher->FastCategory()->trackedPids.size(), 1u) << "only the new launch";
     processes.terminateError = 0;
+}
 
-    // A live process whose probe fails otherwise is forgotten without a word.
-    int32_t hidden = processes.launches.back().pid;
-    processes.probeError = EPERM;
-    log.Clear();
-    scheduler.RunUntil(930);
-    processes.probeError = 0;
-    EXPECT_EQ(processes.forgotten.count(hidden), 1u);
-    EXPECT_FALSE(log.Has(std::to_string(hidden) + " killed"));
-    EXPECT_FALSE(log.Has(std::to_string(hidden) + " already killed"));
+TEST_F(PluginLauncherTest, EveryRunEndsInOneLineNamingThePlugin) {
+    DescribePlugins(1, "fast");
+    auto launcher = Start();
+    std::vector<Tessard::PluginRunOutcome> seen;
+    launcher->SetOutcomeObserver([&](const Tessard::PluginRunOutcome& o) { seen.push_back(o); });
+    using Tessard::PluginEnd;
+    auto ended = [](bool signalled, int status) {
+        RunEnd end;
+        end.signalled = signalled;
+        end.status = status;
+        end.runTime = std::chrono::milliseconds(1200);
+        end.peakKb = 2048;
+        return end;
+    };
+    // One batch every 300 s from 30 s on; each row ends (or stops) the run of its batch.
+    // The kernel's own verdicts (exit 3, out of memory, SIGKILL after the grace) are seen
+    // end to end.
+    struct Row {
+        std::optional<RunEnd> end;  // none: still running when the next batch stops it
+        PluginEnd expected;
+        int status;
+        LogLevel level;
+        std::string line;
+    } rows[] = {
+        {ended(false, 0), PluginEnd::Exited, 0, LogLevel::Info,
+         "Plugin fast0 exited with status 0 (ran 1200 ms, peak memory 2048 KB)"},
+        {ended(true, 11), PluginEnd::Signalled, 11, LogLevel::Warning,
+         "Plugin fast0 was ended by signal 11 (ran 1200 ms, peak memory 2048 KB)"},
+        {std::nullopt, PluginEnd::StoppedAtNextBatch, 15, LogLevel::Info,
+         "Plugin fast0 was stopped at its next batch (ran 0 ms, peak memory 0 KB)"},
+    };
+    double at = 30;
+    for (const auto& row : rows) {
+        scheduler.RunUntil(at);
+        if (row.end) processes.End(processes.launches.back().pid, *row.end);
+        scheduler.RunUntil(at += 300);
+        EXPECT_TRUE(log.Has(row.level, row.line)) << row.line;
+        ASSERT_FALSE(seen.empty());
+        EXPECT_EQ(seen.back().end, row.expected) << row.line;
+        EXPECT_EQ(seen.back().status, row.status) << row.line;
+    }
+    ASSERT_EQ(seen.size(), std::size(rows));
+    EXPECT_EQ(seen[0].name, "fast0");
+    EXPECT_EQ(seen[0].category, "fast");
+    EXPECT_EQ(seen[0].period, std::chrono::seconds(300));
+    EXPECT_EQ(seen[0].memoryLimitMb, 40u);
+    EXPECT_EQ(seen[0].peakMemoryKb, 2048u);
+    EXPECT_EQ(processes.launches[0].options.name, "fast0");
+    EXPECT_EQ(processes.launches[0].options.pidsMax, 256u);
+
+    processes.launchError = EACCES;
+    scheduler.RunUntil(at + 300);
+    EXPECT_TRUE(log.Has(LogLevel::Error, "Plugin fast0 could not be launched: Permission denied"));
+    EXPECT_EQ(seen.back().end, PluginEnd::LaunchFailed);
+    EXPECT_EQ(seen.back().status, EACCES);
 }
 
 TEST_F(PluginLauncherTest, ResourcePoolChecksStopAtTheFirstFailure) {

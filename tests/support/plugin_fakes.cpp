@@ -141,28 +141,39 @@ FakeProcessLauncher::~FakeProcessLauncher() {
     ProcessLauncher::sInstance = previous;
 }
 
-int FakeProcessLauncher::Launch(const char* path, char* const argv[], int32_t& pid) {
+int FakeProcessLauncher::Launch(const char* path, char* const argv[],
+                                const Pelinor::System::RunOptions& options, int32_t& pid) {
     if (launchError != 0) return launchError;
     pid = nextPid++;
     std::vector<std::string> args;
     for (char* const* arg = argv; *arg != nullptr; ++arg) args.emplace_back(*arg);
     if (args.empty() || args[0] != path) return EINVAL;
-    launches.push_back({pid, args, clock ? clock->Now() : 0});
+    launches.push_back({pid, args, clock ? clock->Now() : 0, options});
     if (!exitAtOnce) alive.insert(pid);
     return 0;
 }
 
-int FakeProcessLauncher::Signal(int32_t pid, int signal) {
+int FakeProcessLauncher::Signal(int32_t pid, int) {
+    return alive.count(pid) ? probeError : ESRCH;
+}
+
+int FakeProcessLauncher::Stop(int32_t pid, std::chrono::milliseconds grace) {
     if (!alive.count(pid)) return ESRCH;
-    if (signal == Pelinor::System::kSignalProbe) return probeError;
     if (terminateError != 0) return terminateError;
-    terminated.emplace_back(pid, clock ? clock->Now() : 0);
-    alive.erase(pid);
+    terminated.push_back({pid, clock ? clock->Now() : 0, grace});
+    Pelinor::System::RunEnd end;
+    end.stopped = true;
+    end.signalled = true;
+    end.status = 15;  // SIGTERM
+    End(pid, end);
     return 0;
 }
 
-void FakeProcessLauncher::Forget(int32_t pid) {
-    forgotten.insert(pid);
+void FakeProcessLauncher::End(int32_t pid, Pelinor::System::RunEnd end) {
+    if (alive.erase(pid) == 0) return;
+    for (const auto& launch : launches) {
+        if (launch.pid == pid && launch.options.onEnd) launch.options.onEnd(end);
+    }
 }
 
 }  // namespace TessardTest

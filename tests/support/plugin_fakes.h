@@ -2,6 +2,7 @@
 // manual clock, a scripted kernel interface and a process launcher without processes.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -85,23 +86,33 @@ class FakeProcessLauncher : public Pelinor::System::ProcessLauncher {
 
     int launchError = 0;      // returned by Launch
     bool exitAtOnce = false;  // launched processes are gone before the probe
-    int terminateError = 0;   // returned when SIGTERM is sent
+    int terminateError = 0;   // returned by Stop of a live process
     int probeError = 0;       // returned by probes of live processes, when non-zero
 
     struct Launch {
         int32_t pid;
         std::vector<std::string> argv;
         double at;  // scheduler time, when a ManualScheduler is given
+        Pelinor::System::RunOptions options;
     };
     std::vector<Launch> launches;
-    std::vector<std::pair<int32_t, double>> terminated;  // pid, time
+    struct Stopped {
+        int32_t pid;
+        double at;
+        std::chrono::milliseconds grace;
+    };
+    std::vector<Stopped> terminated;  // live processes that Stop reached
     std::set<int32_t> alive;
-    std::set<int32_t> forgotten;
     const ManualScheduler* clock = nullptr;
 
-    int Launch(const char* path, char* const argv[], int32_t& pid) override;
+    // Ends a live run as the kernel would tell it.
+    void End(int32_t pid, Pelinor::System::RunEnd end);
+
+    int Launch(const char* path, char* const argv[], const Pelinor::System::RunOptions& options,
+               int32_t& pid) override;
     int Signal(int32_t pid, int signal) override;
-    void Forget(int32_t pid) override;
+    int Stop(int32_t pid, std::chrono::milliseconds grace) override;
+    bool WaitIdle(std::chrono::milliseconds) override { return true; }
 
   private:
     int32_t nextPid = 1000;

@@ -22,12 +22,36 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kMemoryHierarchy = "/sys/fs/cgroup/memory";
+constexpr const char* kPidsHierarchy = "/sys/fs/cgroup/pids";
 
 std::vector<int> Pids(const fs::path& procs) {
     std::vector<int> pids;
     std::ifstream in(procs);
     for (int pid; in >> pid;) pids.push_back(pid);
     return pids;
+}
+
+// Removes a group tree with every process still in it: plugins that outlive the daemon.
+void RemoveTree(const std::string& top) {
+    for (int round = 0; round < 50; ++round) {
+        bool any = false;
+        for (const auto& entry : fs::recursive_directory_iterator(top)) {
+            if (entry.path().filename() != "cgroup.procs") continue;
+            for (int pid : Pids(entry.path())) {
+                ::kill(pid, SIGKILL);
+                any = true;
+            }
+        }
+        if (!any) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::vector<fs::path> groups;
+    for (const auto& entry : fs::recursive_directory_iterator(top)) {
+        if (entry.is_directory()) groups.push_back(entry.path());
+    }
+    std::sort(groups.rbegin(), groups.rend());  // children before parents
+    for (const auto& group : groups) ::rmdir(group.c_str());
+    ::rmdir(top.c_str());
 }
 
 }  // namespace
@@ -44,6 +68,11 @@ TestCgroup::TestCgroup(const std::string& poolScript) {
         root.clear();
         return;
     }
+    // Where v1 has a pids hierarchy, the pool gets its counterpart there.
+    if (fs::exists(std::string(kPidsHierarchy) + "/cgroup.procs")) {
+        pidsRoot = std::string(kPidsHierarchy) + root.substr(memory.size());
+        ::mkdir(pidsRoot.c_str(), 0755);
+    }
     if (!poolScript.empty()) {
         std::string command = "TESSARD_POOL_STATE_DIR=" + state.Path() + " bash " + poolScript +
                               " create --root " + root + " --cap-mb 256 >/dev/null";
@@ -53,26 +82,8 @@ TestCgroup::TestCgroup(const std::string& poolScript) {
 
 TestCgroup::~TestCgroup() {
     if (root.empty()) return;
-    // Plugins that outlive the daemon go with the group.
-    for (int round = 0; round < 50; ++round) {
-        bool any = false;
-        for (const auto& entry : fs::recursive_directory_iterator(root)) {
-            if (entry.path().filename() != "cgroup.procs") continue;
-            for (int pid : Pids(entry.path())) {
-                ::kill(pid, SIGKILL);
-                any = true;
-            }
-        }
-        if (!any) break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    std::vector<fs::path> groups;
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        if (entry.is_directory()) groups.push_back(entry.path());
-    }
-    std::sort(groups.rbegin(), groups.rend());  // children before parents
-    for (const auto& group : groups) ::rmdir(group.c_str());
-    ::rmdir(root.c_str());
+    RemoveTree(root);
+    if (fs::is_directory(pidsRoot)) RemoveTree(pidsRoot);
 }
 
 std::string TestCgroup::ProcPath() const {

@@ -25,6 +25,7 @@ class TestCgroup {
   private:
     TempDir state;  // the pool script's record of what it made stays with the test
     std::string root;
+    std::string pidsRoot;  // its counterpart in a v1 pids hierarchy, if there is one
     std::string skipReason;
 };
 

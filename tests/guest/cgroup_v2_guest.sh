@@ -1,0 +1,177 @@
+#!/usr/bin/env bash
+# Runs the daemon on a real cgroup v2 kernel: Debian's kernel under qemu (TCG, no KVM needed)
+# with a busybox initramfs holding the built daemon, its libraries and test plugins. Inside,
+# the daemon is started in a group marked as delegated, as systemd's Delegate=yes does, and
+# must keep its pool there, cap memory and processes, stop groups whole and report an OOM
+# kill by name. The guest prints its verdict on the serial console.
+#
+#   cgroup_v2_guest.sh TESSARD_BINARY PLUGIN_PROBE
+#
+# Exit codes: 0 passed, 1 failed, 77 skipped (no qemu, kernel or busybox here).
+set -euo pipefail
+
+readonly SKIP=77
+readonly BOOT_TIMEOUT_S=300
+tessard=${1:?usage: cgroup_v2_guest.sh TESSARD_BINARY PLUGIN_PROBE}
+probe=${2:?usage: cgroup_v2_guest.sh TESSARD_BINARY PLUGIN_PROBE}
+
+skip() {
+    echo "SKIPPED: $*"
+    exit "$SKIP"
+}
+qemu=$(command -v qemu-system-x86_64) || skip "qemu-system-x86_64 is not installed"
+kernel=$(ls /boot/vmlinuz-* 2>/dev/null | sort -V | tail -n 1) || true
+[[ -n $kernel && -r $kernel ]] || skip "no readable kernel in /boot (linux-image-amd64)"
+[[ -x /bin/busybox ]] || skip "busybox-static is not installed"
+command -v cpio >/dev/null || skip "cpio is not installed"
+command -v setfattr >/dev/null || skip "setfattr (attr) is not installed"
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+tree=$work/tree
+mkdir -p "$tree"/{bin,dev,proc,sys,tmp,etc,lib64}
+
+# Each binary with the shared libraries it loads, at the same paths.
+copy_with_libraries() {
+    local binary=$1 target=$2 library
+    cp "$binary" "$tree/$target"
+    for library in $(ldd "$binary" | grep -o '/[^ ]*'); do
+        mkdir -p "$tree/$(dirname "$library")"
+        cp -L "$library" "$tree/$library"
+    done
+}
+cp /bin/busybox "$tree/bin/busybox"
+ln -s busybox "$tree/bin/sh"
+copy_with_libraries "$tessard" bin/tessard
+copy_with_libraries "$(command -v setfattr)" bin/setfattr
+echo "127.0.0.1 localhost" >"$tree/etc/hosts"
+
+root=$tree/t
+bin=$root/usr/lib/tolmar/tessard/plugins/bin
+config=$root/usr/lib/tolmar/tessard/plugins/config
+mkdir -p "$bin" "$config" "$root/etc/tolmar/cpservices/tessard"
+copy_with_libraries "$probe" t/usr/lib/tolmar/tessard/plugins/bin/hog
+cp "$probe" "$bin/clock"
+plugin() {  # name frequency body
+    printf '#!/bin/sh\n%s\n' "$3" >"$bin/$1"
+    chmod 755 "$bin/$1"
+    printf '{"path": "%s", "frequency": "%s"}\n' "$1" "$2" >"$config/$1.json"
+}
+echo '{"path": "hog", "frequency": "slow"}' >"$config/hog.json"
+plugin probe fast 'cat /proc/self/cgroup'
+plugin forker fast 'g=/sys/fs/cgroup$(cut -d: -f3 /proc/self/cgroup)
+echo "pids.max $(cat $g/pids.max)"
+# The shell gives up at the first fork the cap refuses, leaving its children behind.
+i=0; while [ $i -lt 80 ]; do sleep 100 & i=$((i+1)); done'
+plugin stubborn fast "trap '' TERM; echo trapped; while :; do sleep 1; done"
+cat >"$root/etc/tolmar/cpservices/tessard/config.xml" <<'EOF'
+<config><httpPort>9996</httpPort><log><level>trivia</level></log>
+<pluginOverrides><forker><pidsMax>50</pidsMax></forker></pluginOverrides></config>
+EOF
+
+cat >"$tree/init" <<'EOF'
+#!/bin/sh
+/bin/busybox --install -s /bin
+export PATH=/bin
+mount -t proc proc /proc
+mount -t sysfs sys /sys
+mount -t devtmpfs dev /dev
+mount -t tmpfs tmp /tmp
+ip link set lo up
+cg=/sys/fs/cgroup
+fail=""
+check() {  # pattern what
+    grep -q "$1" /tmp/log || fail="$fail; $2"
+}
+run() {  # time-scale log cgroup.procs [NAME=value]
+    sh -c "echo \$\$ >$3
+        exec env -i TESSARD_ROOT=/t TESSARD_TIME_SCALE=$1 $4 /bin/tessard -r /tmp/" >$2 2>&1 &
+    daemon=$!
+}
+# Batch firing to the plugin's main: one fast plugin at 300 times the speed, 20 samples.
+timing() {  # cgroup.procs [NAME=value]
+    rm -f /t/usr/lib/tolmar/tessard/plugins/config/*
+    echo '{"path": "clock"}' >/t/usr/lib/tolmar/tessard/plugins/config/clock.json
+    run 300 /tmp/clock.log "$1" "$2"
+    sleep 25
+    kill -TERM $daemon
+    wait $daemon
+    awk '/About to launch plugin clock/ { split($1, t, "T"); split(t[2], h, ":");
+             fired = h[1] * 3600 + h[2] * 60 + substr(h[3], 1, length(h[3]) - 1) }
+         / clock: main at / && fired { print ($NF - fired) * 1000; fired = 0 }' /tmp/clock.log |
+        head -n 20 | sort -n >/tmp/samples
+    count=$(wc -l </tmp/samples)
+    # A figure to read, not a verdict: an emulated guest on a busy host runs late.
+    median=$(sed -n '10,11p' /tmp/samples | awk '{ sum += $1 } END { print sum / 2 }')
+    echo "GUEST-TIMING: batch firing to plugin main (ms), median of $count: $median"
+    echo "GUEST-TIMING: samples: $(tr '\n' ' ' </tmp/samples)"
+}
+
+# For comparison only: the same timing on a cgroup v1 memory hierarchy of this kernel.
+if grep -q tessard.v1 /proc/cmdline; then
+    mkdir /tmp/v1
+    mount -t cgroup -o memory memory /tmp/v1
+    mkdir -p /tmp/v1/host/zol/kelpod/tessard-plugins
+    timing /tmp/v1/cgroup.procs TESSARD_CGROUP_ROOT=/tmp/v1
+    poweroff -f
+fi
+
+mount -t cgroup2 cgroup2 $cg
+echo "+memory +pids" >$cg/cgroup.subtree_control
+mkdir $cg/tessard.service
+setfattr -n trusted.delegate -v 1 $cg/tessard.service
+
+# Launches, stops and the OOM kill, at 30 times the speed.
+run 30 /tmp/log $cg/tessard.service/cgroup.procs
+sleep 25
+check "Plugin pool kept in the delegated group /sys/fs/cgroup/tessard.service" "pool not in the delegated group"
+grep -q '^0::/tessard.service/daemon$' /proc/$daemon/cgroup || fail="$fail; daemon not in its leaf"
+check "probe: 0::/tessard.service/host/zol/kelpod/tessard-plugins/run-" "probe not in its group"
+check "forker: pids.max 50" "pids.max not set"
+check "forker: stopping 49 processes it left behind" "pids.max not enforced"
+check "Plugin stubborn was stopped at its next batch: killed after ignoring SIGTERM" "no SIGKILL after the grace"
+check "Plugin hog was killed by the kernel: out of memory (limit 40 MB)" "no OOM line"
+check "Plugin probe exited with status 0" "no exit line"
+kill -TERM $daemon
+wait $daemon && echo "daemon stopped: 0" || fail="$fail; daemon stop failed"
+left=$(cat $cg/tessard.service/host/zol/kelpod/tessard-plugins/*/cgroup.procs 2>/dev/null | wc -l)
+[ "$left" = 0 ] || fail="$fail; $left processes left after the daemon's stop"
+others=$(ls -d $cg/*/ | grep -v '/tessard.service/$' | wc -l)
+[ "$others" = 0 ] || fail="$fail; groups made outside the delegated one"
+
+# Started again where the first left off, as a restart in place would be.
+timing $cg/tessard.service/daemon/cgroup.procs
+
+if [ -n "$fail" ]; then
+    echo "----- daemon log -----"
+    grep -v ' trivia ' /tmp/log | tail -n 60
+    echo "----- timing log -----"
+    tail -n 20 /tmp/clock.log
+    echo "GUEST-VERDICT: FAIL${fail}"
+else
+    echo "GUEST-VERDICT: PASS"
+fi
+poweroff -f
+EOF
+chmod 755 "$tree/init"
+(cd "$tree" && find . | cpio -o -H newc --quiet | gzip -1) >"$work/initramfs.gz"
+
+boot() {  # console [kernel argument]
+    timeout "$BOOT_TIMEOUT_S" "$qemu" -accel tcg -cpu max -m 256 -nographic -no-reboot \
+        -kernel "$kernel" -initrd "$work/initramfs.gz" \
+        -append "console=ttyS0 panic=-1 quiet ${2:-}" </dev/null >"$1" 2>&1 || true
+}
+# With GUEST_COMPARE_V1=1, first the same timing on cgroup v1 in the same kind of guest.
+if [[ ${GUEST_COMPARE_V1:-0} == 1 ]]; then
+    boot "$work/v1" tessard.v1
+    grep 'GUEST-TIMING' "$work/v1" | sed 's/^GUEST-TIMING/GUEST-TIMING v1/' || true
+fi
+console=$work/console
+boot "$console"
+sed -n '/^GUEST-\|^-----/,$p' "$console" | grep -v '^\[' || true
+if ! grep -q 'GUEST-VERDICT:' "$console"; then
+    echo "no verdict from the guest; its console ends with:"
+    tail -n 40 "$console"
+    exit 1
+fi
+grep -q 'GUEST-VERDICT: PASS' "$console"
