@@ -53,7 +53,7 @@ watch_status() {
         (.plugins[] | select(.lastStart) | ["started", .name, .lastStart,
             "\(.category), every \(.period) s"]),
         (.plugins[] | select(.lastOutcome) | .lastOutcome as $o | ["ended", .name,
-            "\($o.started)+\($o.runTimeMs)",
+            $o.started,
             "\($o.end) \($o.status) after \($o.runTimeMs) ms, peak \($o.peakMemoryKb) KiB"])
         | @tsv' <<<"$status")
 }
