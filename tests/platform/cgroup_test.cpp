@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/ktab.h"
-#include "platform/process.h"
+#include "platform/kernel/ktab.h"
+#include "platform/kernel/process.h"
 #include "tests/support/temp_dir.h"
 
 namespace {

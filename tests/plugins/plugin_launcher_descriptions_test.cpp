@@ -10,19 +10,19 @@ using Tessard::PluginConfiguration;
 
 class PluginDescriptionsTest : public TessardTest::PluginEnv {
   protected:
-    std::vector<std::string> Names(const std::vector<std::shared_ptr<Plugin>>& plugins) {
+    // "name:category" of every scheduled plugin, sorted.
+    std::vector<std::string> Scheduled(const Tessard::PluginLauncher& launcher) {
         std::vector<std::string> names;
-        for (const auto& p : plugins) names.push_back(p->name);
+        for (const auto& p : launcher.Plans()) names.push_back(p.name + ":" + p.category);
         std::sort(names.begin(), names.end());
         return names;
     }
-    // Messages logged after `first`, in order, that mention `file`.
-    std::vector<std::string> LinesAbout(const std::string& file) {
-        std::vector<std::string> lines;
-        for (const auto& m : log.Messages()) {
-            if (m.find(file) != std::string::npos) lines.push_back(m);
-        }
-        return lines;
+    // The last argument each plugin was launched with, by plugin file.
+    std::map<std::string, std::string> LastArguments() {
+        std::map<std::string, std::string> last;
+        for (const auto& l : processes.launches)
+            last[l.argv[0].substr(BinDir().size())] = l.argv.back();
+        return last;
     }
 };
 
@@ -47,44 +47,15 @@ TEST_F(PluginDescriptionsTest, SortsEveryDescriptionIntoItsCategoryOrSkipsIt) {
     std::filesystem::create_directory(ConfigDir() + "subdir");
 
     auto launcher = Start();
-    EXPECT_EQ(Names(launcher->FastCategory()->plugins),
-              (std::vector<std::string>{"a", "cut", "load", "noext", "tools", "x.y"}));
-    EXPECT_EQ(Names(launcher->SlowCategory()->plugins),
-              (std::vector<std::string>{"checks/disk_usage", "mem", "x.y"}));
-    for (const auto& p : launcher->SlowCategory()->plugins) {
-        if (p->name == "mem") {
-            EXPECT_EQ(p->frequency, 1) << "medium runs with the slow plugins";
-        } else if (p->name == "checks/disk_usage") {
-            EXPECT_EQ(p->completePath, BinDir() + "checks/disk_usage.py");
-        }
-    }
-
-    std::string dir = ConfigDir();
-    EXPECT_EQ(LinesAbout(dir + "number"),
-              (std::vector<std::string>{
-                  "Path in " + dir + "number is not formatted correctly",
-                  "Invalid configuration. Plugin path not present in: " + dir + "number",
-                  "Failed to parse " + dir + "number"}));
-    for (std::string bad : {"empty", "array", "bom", "trailing"}) {
-        EXPECT_EQ(LinesAbout(dir + bad),
-                  (std::vector<std::string>{
-                      dir + bad + " is not formatted with the path",
-                      "Invalid configuration. Plugin path not present in: " + dir + bad,
-                      "Failed to parse " + dir + bad}))
-            << bad;
-    }
+    auto scheduled = Scheduled(*launcher);
+    // "medium" runs with the slow plugins; a description's own "enabled" does not count.
+    EXPECT_EQ(scheduled, (std::vector<std::string>{"a:fast", "checks/disk_usage:slow", "cut:fast",
+                                                   "load:fast", "mem:slow", "noext:fast",
+                                                   "tools:fast", "x.y:fast", "x.y:slow"}));
+    for (std::string bad : {"number", "empty", "array", "bom", "trailing", "subdir"})
+        EXPECT_TRUE(log.Has(LogLevel::Error, "Failed to parse " + ConfigDir() + bad)) << bad;
     EXPECT_TRUE(
         log.Has(LogLevel::Error, "Invalid configuration. Plugin path is not relative: /usr/bin/x"));
-    EXPECT_TRUE(log.Has(LogLevel::Error, "Failed to parse " + dir + "subdir"));
-    EXPECT_EQ(LinesAbout(dir + "nofreq"),
-              (std::vector<std::string>{
-                  dir + "nofreq is not formatted with the path",
-                  "Did not find frequency in file : " + dir + "nofreq. Assuming Fast.",
-                  "Successfully parsed " + dir + "nofreq"}));
-    EXPECT_TRUE(log.Has(LogLevel::Trivia, "Complete plugin path: " + BinDir() + "a.sh"));
-    EXPECT_TRUE(log.Has(LogLevel::Verbose, "Plugin added to slow queue: mem"));
-    EXPECT_TRUE(log.Has(LogLevel::Verbose, "Plugin added to fast queue: load"));
-    EXPECT_FALSE(log.Has("Did not find frequency in file : " + dir + "load. Assuming Fast."));
 }
 
 TEST_F(PluginDescriptionsTest, OverridesWinOverTheDescriptions) {
@@ -100,23 +71,15 @@ TEST_F(PluginDescriptionsTest, OverridesWinOverTheDescriptions) {
     Describe("c", R"({"path": "c.sh"})");
     Describe("sub", R"({"path": "sub/check.sh"})");
     auto launcher = Start();
-
-    EXPECT_EQ(Tessard::fastTimePeriodMin, 6u);
-    EXPECT_EQ(launcher->FastCategory()->period, 360u);
-    EXPECT_TRUE(log.Has(LogLevel::Info, "Overriden time period = 6"));
-    EXPECT_TRUE(log.Has(LogLevel::Info, "Overridden resource pool size = 128MB"));
-    EXPECT_TRUE(log.Has(LogLevel::Info, "Override plugin configuration: a.frequency: Fast"));
-    EXPECT_TRUE(log.Has(LogLevel::Info, "Override plugin configuration: b.loglevel: verbose"));
-    EXPECT_TRUE(log.Has(LogLevel::Info, "Override plugin configuration: c.enabled: false"));
-    EXPECT_TRUE(log.Has(LogLevel::Trivia, "Checking config: pluginOverrides/sub/check/loglevel"));
-    EXPECT_TRUE(log.Has(LogLevel::Info, "Plugin disabled by configuration: c"));
-
-    EXPECT_EQ(Names(launcher->FastCategory()->plugins), (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(Names(launcher->SlowCategory()->plugins), (std::vector<std::string>{"sub/check"}));
-    for (const auto& p : launcher->FastCategory()->plugins) {
-        EXPECT_EQ(p->logLevel, p->name == "a" ? "debug" : "") << p->name;
-    }
-    EXPECT_EQ(launcher->SlowCategory()->plugins[0]->logLevel, "error");
+    EXPECT_EQ(Scheduled(*launcher),
+              (std::vector<std::string>{"a:fast", "b:fast", "sub/check:slow"}));
+    EXPECT_EQ(launcher->Plans().at(0).period.count(), 360);
+    EXPECT_EQ(launcher->Plans().at(0).memoryLimitMb, 128u);
+    scheduler.RunUntil(100);
+    EXPECT_EQ(LastArguments(),
+              (std::map<std::string, std::string>{{"a.sh", "--loglevel=debug"},
+                                                  {"b.sh", "http://localhost:8080"},
+                                                  {"sub/check.sh", "--loglevel=error"}}));
 
     // The pool size grows once, within its limits.
     EXPECT_FALSE(Tessard::SetResourcePoolSize(128));
@@ -125,10 +88,11 @@ TEST_F(PluginDescriptionsTest, OverridesWinOverTheDescriptions) {
 }
 
 TEST_F(PluginDescriptionsTest, LauncherWideOverridesOutsideTheirLimitsAreRefused) {
+    Describe("a", R"({"path": "a.sh"})");
     struct Case {
         std::string period, pool;
-        uint64_t expectPeriod;
-        int32_t expectPool;
+        int64_t expectPeriodMin;
+        uint32_t expectPool;
         bool poolError;
     };
     for (const Case& c : std::vector<Case>{{"5", "40", 5, 40, true},
@@ -141,14 +105,13 @@ TEST_F(PluginDescriptionsTest, LauncherWideOverridesOutsideTheirLimitsAreRefused
         log.Clear();
         Configure("<pluginOverrides><fast><timePeriodMin>" + c.period +
                   "</timePeriodMin></fast><rpSizeMb>" + c.pool + "</rpSizeMb></pluginOverrides>");
-        Start();
-        EXPECT_EQ(Tessard::fastTimePeriodMin, c.expectPeriod) << c.period;
-        EXPECT_EQ(Tessard::resourcePoolSizeMb, c.expectPool) << c.pool;
+        auto plan = Start()->Plans().at(0);
+        EXPECT_EQ(plan.period.count(), c.expectPeriodMin * 60) << c.period;
+        EXPECT_EQ(plan.memoryLimitMb, c.expectPool) << c.pool;
         EXPECT_EQ(log.Has(LogLevel::Error,
                           "Configured resource pool size: " + c.pool + "MB is outside limits"),
                   c.poolError)
             << c.pool;
-        EXPECT_EQ(log.Has("Overriden time period = " + c.period), c.expectPeriod != 5);
     }
 }
 

@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "platform/exceptions.h"
+#include "platform/base/exceptions.h"
 #include "tests/support/fakes.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"

@@ -6,7 +6,7 @@
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
-#include "platform/exceptions.h"
+#include "platform/base/exceptions.h"
 
 namespace TessardTest {
 

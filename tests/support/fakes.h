@@ -10,8 +10,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/files.h"
-#include "platform/http.h"
+#include "platform/fs/files.h"
+#include "platform/http/http.h"
 
 namespace TessardTest {
 

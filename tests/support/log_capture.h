@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/logging.h"
+#include "platform/base/logging.h"
 
 namespace TessardTest {
 

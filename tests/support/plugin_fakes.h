@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/ktab.h"
-#include "platform/process.h"
-#include "platform/scheduler.h"
+#include "platform/kernel/ktab.h"
+#include "platform/kernel/process.h"
+#include "platform/threads/scheduler.h"
 
 namespace TessardTest {
 
