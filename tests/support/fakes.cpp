@@ -41,7 +41,6 @@ class FaultyFile : public File {
     bool IsDirectory() const override { return real->IsDirectory(); }
     bool IsSymlink() const override { return real->IsSymlink(); }
     std::vector<Ref<File>> ListFiles() const override {
-        ++factory.lists;
         if (factory.failList) throw Pelinor::IOException("injected listing failure");
         return real->ListFiles();
     }
@@ -73,7 +72,6 @@ Ref<File> FaultyFactory::CreateFile(const std::string& path) {
 }
 
 Ref<OutputStream> FaultyFactory::OpenForWrite(const std::string& path, int flags) {
-    ++opens;
     if (failOpen) throw Pelinor::IOException("injected open failure");
     return MakeRef<FaultyStream>(SystemFactory::Real().OpenForWrite(path, flags), *this);
 }

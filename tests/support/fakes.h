@@ -26,8 +26,6 @@ class FaultyFactory : public Pelinor::System::SystemFactory {
     std::atomic<bool> failRename{false};  // Rename gives no file
     std::atomic<bool> failList{false};    // ListFiles throws IOException
     std::atomic<bool> failClose{false};   // the stream's Close throws IOException
-    std::atomic<int> opens{0};
-    std::atomic<int> lists{0};
 
     Pelinor::Ref<Pelinor::System::File> CreateFile(const std::string& path) override;
     Pelinor::Ref<Pelinor::System::OutputStream> OpenForWrite(const std::string& path,
