@@ -203,18 +203,10 @@ bool DaemonProcess::WaitForLog(const std::string& substring,
     return Eventually([&] { return Logs().find(substring) != std::string::npos; }, timeout);
 }
 
-int DaemonProcess::CountLines(const std::string& level, const std::string& logger,
-                              const std::string& message) const {
-    int count = 0;
-    for (const auto& e : LogEntries())
-        count += e.level == level && e.logger == logger && e.message == message;
-    return count;
-}
-
 testing::AssertionResult DaemonProcess::HasLine(const std::string& level, const std::string& logger,
                                                 const std::string& message,
                                                 std::chrono::milliseconds timeout) const {
-    if (Eventually([&] { return CountLines(level, logger, message) > 0; }, timeout))
+    if (WaitForLog(" " + level + " " + logger + ": " + message + "\n", timeout))
         return testing::AssertionSuccess();
     std::string logs = Logs();
     if (logs.size() > 6000) logs = "..." + logs.substr(logs.size() - 6000);
