@@ -103,7 +103,7 @@ TEST_F(ReportRollerTest, RestartContinuesFromTheHighestRegularReportFile) {
         {{"n-7.json", "n-1.json"}, "n", "n-0.json"},  // out of the ring: start over
         {{"n-12.json", ".n-2.json", "n-x.json", "m-2.json"}, "n", "n-0.json"},
         {{"axb-1.json"}, "a.b", "a.b-2.json"},  // the name's "." matches any character
-        {{"n-y-2.json", "n-1.json.tmp"}, "n", "n-0.json"},
+        {{"n-y-1.json", "n-1.json.tmp"}, "n", "n-0.json"},
         {{"n-0.json", "n-12.json"}, "n", "n-1.json"},  // not a slot at all
     };
     for (const auto& c : cases) {
@@ -117,14 +117,14 @@ TEST_F(ReportRollerTest, RestartContinuesFromTheHighestRegularReportFile) {
 
     // Directories and links named like report files do not count.
     TessardTest::TempDir dir;
-    fs::create_directory(dir / "n-2.json");
+    fs::create_directory(dir / "n-1.json");
     WriteFile(dir / "target", "x");
-    fs::create_symlink(dir / "target", dir / "n-1.json");
+    fs::create_symlink(dir / "target", dir / "n-0.json");
     auto roller = Roller("n", dir.Path() + "/");
     ASSERT_TRUE(Store(*roller, "new"));
     EXPECT_EQ(ReadFile(dir / "n-0.json"), "new");
     EXPECT_EQ(ReadFile(dir / "target"), "x");
-    EXPECT_TRUE(fs::is_directory(dir / "n-2.json"));
+    EXPECT_TRUE(fs::is_directory(dir / "n-1.json"));
 }
 
 TEST_F(ReportRollerTest, FailuresKeepTheRingMovingAndTheNewestVisible) {
