@@ -29,8 +29,6 @@ constexpr auto kAwait = net::as_tuple(net::use_awaitable);
 constexpr size_t kActiveBufferBytes = 4096;
 // Room past the head limit, so the parser reports an oversized head rather than a full buffer.
 constexpr size_t kHeadSlack = 1024;
-// The least a body read asks for, so that framing beyond the body is not read byte by byte.
-constexpr size_t kMinBodyRead = 512;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
 bool IsParseError(const beast::error_code& ec) {
