@@ -19,6 +19,7 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using TessardTest::DaemonOptions;
 using TessardTest::DaemonProcess;
+using TessardTest::Eventually;
 using TessardTest::TestCgroup;
 
 constexpr const char* kPool = "host/zol/kelpod/tessard-plugins";
@@ -54,14 +55,6 @@ bool Alive(const std::string& pid) {
     std::getline(std::ifstream("/proc/" + pid + "/stat"), stat);
     size_t end = stat.rfind(')');
     return end != std::string::npos && end + 2 < stat.size() && stat[end + 2] != 'Z';
-}
-
-bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
-    for (auto until = std::chrono::steady_clock::now() + timeout;
-         std::chrono::steady_clock::now() < until; std::this_thread::sleep_for(50ms)) {
-        if (done()) return true;
-    }
-    return done();
 }
 
 // The processes in the pool's plugin groups, and the groups.

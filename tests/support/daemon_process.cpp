@@ -31,7 +31,12 @@ int DecodeStatus(int status) {
     return -1;
 }
 
-// Polls until `done` holds or the time is up; says which.
+std::string_view EnvName(std::string_view entry) {
+    return entry.substr(0, entry.find('='));
+}
+
+}  // namespace
+
 bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
@@ -40,12 +45,6 @@ bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds tim
         std::this_thread::sleep_for(kPoll);
     }
 }
-
-std::string_view EnvName(std::string_view entry) {
-    return entry.substr(0, entry.find('='));
-}
-
-}  // namespace
 
 std::vector<LogEntry> ParseLog(const std::string& text) {
     static const std::regex kLine(

@@ -47,6 +47,10 @@ struct LogEntry {
 inline const std::string kMainLogger = "tessard";
 inline const std::string kEndpointLogger = "tessardEndpoint";
 
+// Polls until `done` holds or the time is up; says which.
+bool Eventually(const std::function<bool()>& done,
+                std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
 // Lines in the daemon's form "<time> <level> <logger>: <message>"; others are skipped.
 std::vector<LogEntry> ParseLog(const std::string& text);
 
