@@ -9,17 +9,6 @@
 namespace TessardTest {
 namespace {
 
-constexpr uint16_t kDefaultPort = 9996;
-
-bool SomethingListensOn(uint16_t port) {
-    try {
-        RawHttpConnection probe(port);
-        return true;
-    } catch (const std::runtime_error&) {
-        return false;
-    }
-}
-
 // Seconds between a log time stamp, read as UTC, and now.
 long SecondsFromNow(const std::string& stamp) {
     std::tm tm{};
@@ -103,22 +92,6 @@ TEST(Lifecycle, PortInUseExitsAndLeavesFirstDaemonServing) {
     EXPECT_EQ(std::string::npos, second.Logs().find("listening")) << second.Logs();
     EXPECT_EQ(200, PostStatus(first.Port(), "/report/still", "{}"));
     EXPECT_EQ(0, first.Terminate());
-}
-
-TEST(Lifecycle, MissingPortFallsBackToTheDefault) {
-    if (SomethingListensOn(kDefaultPort)) GTEST_SKIP() << "port 9996 is taken on this host";
-    TempDir reports;
-    DaemonOptions options;
-    options.port = kDefaultPort;
-    options.configXml = "<config><log><level>trivia</level></log></config>";
-    options.args = {"-r", reports.Path() + "/"};
-    DaemonProcess daemon(options);
-    ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
-    EXPECT_TRUE(
-        daemon.HasLine("error", kEndpointLogger, "httpPort not present. Assuming default: 9996"));
-    EXPECT_EQ(200, PostStatus(kDefaultPort, "/report/dflt", "{}"));
-    EXPECT_EQ("{}", ReadFile(reports / "dflt-0.json"));
-    EXPECT_EQ(0, daemon.Terminate());
 }
 
 }  // namespace
