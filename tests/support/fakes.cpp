@@ -98,11 +98,6 @@ void FakeResponse::SetResponseCode(const Pelinor::Http::ResponseCode& code) {
     outcome->heldCode = code.code;
 }
 
-void FakeResponse::SetHeader(const std::string& name, const std::string& value) {
-    std::lock_guard lock(outcome->mutex);
-    if (name == "Allow") outcome->allowHeader = value;
-}
-
 void FakeResponse::Send() {
     std::lock_guard lock(outcome->mutex);
     ++outcome->sends;

@@ -44,7 +44,6 @@ struct ResponseOutcome {
     std::optional<int> deliveredCode;  // what the client would receive
     int sends = 0;
     bool released = false;
-    std::string allowHeader;
 
     // Waits until the response has been released; false on time-out.
     bool WaitReleased(int timeoutMs = 5000);
@@ -57,7 +56,7 @@ class FakeResponse : public Pelinor::Http::Response {
     ~FakeResponse() override;
 
     void SetResponseCode(const Pelinor::Http::ResponseCode& code) override;
-    void SetHeader(const std::string& name, const std::string& value) override;
+    void SetHeader(const std::string&, const std::string&) override {}
     void Send() override;  // throws IOException when the client is gone
 
   private:
