@@ -54,6 +54,7 @@ TEST_F(PluginLauncherTest, BatchesAreSpreadOverTheirPeriod) {
         EXPECT_DOUBLE_EQ(period, row.period) << row.count << " " << row.category;
         EXPECT_EQ(launcher->Plans().at(0).period.count(), row.period);
     }
+    processes.clock = &scheduler;
 }
 
 TEST_F(PluginLauncherTest, EachBatchStopsItsPredecessorWithATenthOfThePeriodAsGrace) {
