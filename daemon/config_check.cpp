@@ -8,7 +8,7 @@
 #include <set>
 
 #include "http/endpoint.h"
-#include "platform/app.h"
+#include "platform/base/app.h"
 #include "plugins/plugin_launcher.h"
 
 namespace Tessard {

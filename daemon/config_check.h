@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/config.h"
+#include "platform/base/config.h"
 
 namespace Tessard {
 

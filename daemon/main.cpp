@@ -8,8 +8,8 @@
 #include "daemon/status_board.h"
 #include "daemon/status_publisher.h"
 #include "http/endpoint.h"
-#include "platform/app.h"
-#include "platform/process.h"
+#include "platform/base/app.h"
+#include "platform/kernel/process.h"
 #include "plugins/plugin_launcher.h"
 
 namespace {

@@ -8,9 +8,9 @@
 #include <sstream>
 
 #include "daemon/config_check.h"
-#include "platform/app.h"
-#include "platform/exceptions.h"
-#include "platform/files.h"
+#include "platform/base/app.h"
+#include "platform/base/exceptions.h"
+#include "platform/fs/files.h"
 
 namespace Tessard {
 

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "daemon/status_board.h"
-#include "platform/logging.h"
+#include "platform/base/logging.h"
 
 namespace Tessard {
 

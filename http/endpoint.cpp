@@ -1,7 +1,7 @@
 #include "http/endpoint.h"
 
 #include "http/tessard_handler.h"
-#include "platform/files.h"
+#include "platform/fs/files.h"
 
 namespace Tessard {
 

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/config.h"
-#include "platform/http.h"
+#include "platform/base/config.h"
+#include "platform/http/http.h"
 #include "report/report_outcome.h"
 
 namespace Tessard {

@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-#include "platform/exceptions.h"
+#include "platform/base/exceptions.h"
 #include "report/report_write_job.h"
 
 namespace Tessard {

@@ -6,9 +6,9 @@
 #include <string>
 #include <unordered_map>
 
-#include "platform/http.h"
-#include "platform/lock.h"
-#include "platform/thread_pool.h"
+#include "platform/base/lock.h"
+#include "platform/http/http.h"
+#include "platform/threads/thread_pool.h"
 #include "report/report_outcome.h"
 #include "report/report_roller.h"
 

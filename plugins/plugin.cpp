@@ -5,8 +5,8 @@
 #include <cstdlib>
 
 #include "http/endpoint.h"
-#include "platform/app.h"
-#include "platform/c_helpers.h"
+#include "platform/base/app.h"
+#include "platform/base/c_helpers.h"
 
 namespace Tessard {
 

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/logging.h"
+#include "platform/base/logging.h"
 
 namespace Tessard {
 

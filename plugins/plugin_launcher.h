@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/logging.h"
-#include "platform/scheduler.h"
+#include "platform/base/logging.h"
+#include "platform/threads/scheduler.h"
 #include "plugins/plugin.h"
 #include "plugins/plugin_outcome.h"
 #include "plugins/plugin_schedule.h"
@@ -54,10 +54,6 @@ class PluginLauncher : public std::enable_shared_from_this<PluginLauncher> {
     // For the daemon's stop: no batch runs any more, and every plugin's group is stopped.
     // Blocks until they are gone, for a bounded time.
     void Stop();
-
-    // Read by tests; set up by Init.
-    const std::unique_ptr<PluginCategory>& FastCategory() const { return fastCategory; }
-    const std::unique_ptr<PluginCategory>& SlowCategory() const { return slowCategory; }
 
     // Descriptions and overrides.
     void ReadLauncherOverrides();

@@ -1,7 +1,7 @@
 #include "report/report_roller.h"
 
-#include "platform/exceptions.h"
-#include "platform/format.h"
+#include "platform/base/exceptions.h"
+#include "platform/base/format.h"
 
 namespace Tessard {
 

@@ -6,9 +6,9 @@
 #include <regex>
 #include <string>
 
-#include "platform/files.h"
-#include "platform/logging.h"
-#include "platform/object.h"
+#include "platform/base/logging.h"
+#include "platform/base/object.h"
+#include "platform/fs/files.h"
 
 namespace Tessard {
 

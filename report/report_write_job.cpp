@@ -1,6 +1,6 @@
 #include "report/report_write_job.h"
 
-#include "platform/exceptions.h"
+#include "platform/base/exceptions.h"
 
 namespace Tessard {
 

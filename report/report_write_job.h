@@ -3,9 +3,9 @@
 
 #include <cstdint>
 
-#include "platform/http.h"
-#include "platform/logging.h"
-#include "platform/task.h"
+#include "platform/base/logging.h"
+#include "platform/base/task.h"
+#include "platform/http/http.h"
 #include "report/report_outcome.h"
 #include "report/report_roller.h"
 

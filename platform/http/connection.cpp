@@ -10,7 +10,7 @@
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
 
-#include "platform/exceptions.h"
+#include "platform/base/exceptions.h"
 
 namespace Pelinor::Http {
 

@@ -6,7 +6,7 @@
 #include <limits>
 #include <mutex>
 
-#include "platform/exceptions.h"
+#include "platform/base/exceptions.h"
 #include "platform/http/connection.h"
 
 namespace Pelinor::Http {

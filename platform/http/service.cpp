@@ -10,9 +10,9 @@
 #include <future>
 #include <limits>
 
-#include "platform/event_loops.h"
-#include "platform/exceptions.h"
+#include "platform/base/exceptions.h"
 #include "platform/http/connection.h"
+#include "platform/threads/event_loops.h"
 
 namespace Pelinor::Http {
 

@@ -15,7 +15,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/http.h"
+#include "platform/http/http.h"
 
 namespace Pelinor::Http {
 

@@ -1,5 +1,6 @@
 // Start-up, configuration and stopping of the daemon binary.
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 
@@ -8,17 +9,6 @@
 namespace TessardTest {
 namespace {
 
-constexpr uint16_t kDefaultPort = 9996;
-
-bool SomethingListensOn(uint16_t port) {
-    try {
-        RawHttpConnection probe(port);
-        return true;
-    } catch (const std::runtime_error&) {
-        return false;
-    }
-}
-
 // Seconds between a log time stamp, read as UTC, and now.
 long SecondsFromNow(const std::string& stamp) {
     std::tm tm{};
@@ -26,35 +16,14 @@ long SecondsFromNow(const std::string& stamp) {
     return static_cast<long>(timegm(&tm) - std::time(nullptr));
 }
 
-testing::AssertionResult InOrder(const std::vector<LogEntry>& entries,
-                                 const std::vector<LogEntry>& expected) {
-    auto at = entries.begin();
-    for (const auto& want : expected) {
-        at = std::find_if(at, entries.end(), [&](const LogEntry& e) {
-            return e.level == want.level && e.logger == want.logger && e.message == want.message;
-        });
-        if (at == entries.end())
-            return testing::AssertionFailure() << "missing or out of order: " << want.level << " "
-                                               << want.logger << ": " << want.message;
-    }
-    return testing::AssertionSuccess();
-}
-
-TEST(Lifecycle, LogsStartUpInOrderServesAndStopsOnSignals) {
+TEST(Lifecycle, LogsInUtcServesAndStopsOnSignals) {
     // A zone far from UTC shows whether stamps are local time.
     DaemonOptions options;
     options.env = {"TZ=XYZ-5:45"};
     DaemonProcess daemon(options);
     ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
-    const std::string port = std::to_string(daemon.Port());
     auto entries = daemon.LogEntries();
-    EXPECT_TRUE(InOrder(
-        entries, {{"", "verbose", kMainLogger, "Report directory is " + daemon.ReportDir() + "/"},
-                  {"", "info", kEndpointLogger, "Initialized the HTTP endpoint"},
-                  {"", "trivia", kEndpointLogger, "HTTP port: " + port},
-                  {"", "info", kHandlerLogger, "Tessard handler initialized"},
-                  {"", "info", kEndpointLogger, "HTTP endpoint listening on port: " + port}}))
-        << daemon.Logs();
+    ASSERT_FALSE(entries.empty()) << daemon.Logs();
     for (const auto& e : entries) {
         EXPECT_NE("error", e.level) << e.message;
         EXPECT_NE("warning", e.level) << e.message;
@@ -75,24 +44,31 @@ TEST(Lifecycle, OptionsThatPrintAndBadOnesExit) {
     struct Row {
         std::vector<std::string> args;
         int exitCode;
-        std::string output;  // the whole output, or its start for --help
+        std::string output;  // the whole output, or its start
+        std::vector<std::string> env = {};
     } rows[] = {
         {{"-x"}, 1, TESSARD_BINARY + std::string(": invalid option -- 'x'\n") + usage},
         {{"--bogus"}, 1, TESSARD_BINARY + std::string(": unrecognized option '--bogus'\n") + usage},
         {{"--version"}, 0, "tessard 1.0.0 (build 1)\n"},
         {{"--help"}, 0, usage + "\ntessard: host health daemon."},
         {{"status", "--yaml"}, 1, "Usage: tessard status [--json]\n"},
+        {{"-r", "/tmp"},
+         1,
+         "Initializing Pelinor failed: TESSARD_TIME_SCALE",
+         {"TESSARD_TIME_SCALE=0"}},
     };
     DaemonOptions options;
     options.waitReady = false;
     for (const Row& row : rows) {
         options.args = row.args;
+        options.env = row.env;
         DaemonProcess command(options);
         EXPECT_EQ(row.exitCode, command.WaitExit(std::chrono::seconds(20))) << row.args[0];
         EXPECT_EQ(0u, command.Logs().find(row.output)) << command.Logs();
     }
 
     options.args = {};
+    options.env = {};
     options.configXml = "<config><httpPort>1</config";
     DaemonProcess badConfig(options);
     EXPECT_EQ(1, badConfig.WaitExit(std::chrono::seconds(20)));
@@ -116,25 +92,6 @@ TEST(Lifecycle, PortInUseExitsAndLeavesFirstDaemonServing) {
     EXPECT_EQ(std::string::npos, second.Logs().find("listening")) << second.Logs();
     EXPECT_EQ(200, PostStatus(first.Port(), "/report/still", "{}"));
     EXPECT_EQ(0, first.Terminate());
-}
-
-TEST(Lifecycle, MissingPortFallsBackToTheDefault) {
-    if (SomethingListensOn(kDefaultPort)) GTEST_SKIP() << "port 9996 is taken on this host";
-    TempDir reports;
-    DaemonOptions options;
-    options.port = kDefaultPort;
-    options.configXml = "<config><log><level>trivia</level></log></config>";
-    options.args = {"-r", reports.Path() + "/"};
-    DaemonProcess daemon(options);
-    ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
-    EXPECT_TRUE(
-        daemon.HasLine("verbose", kMainLogger, "Report directory is " + reports.Path() + "/"));
-    EXPECT_TRUE(
-        daemon.HasLine("error", kEndpointLogger, "httpPort not present. Assuming default: 9996"));
-    EXPECT_TRUE(daemon.HasLine("trivia", kEndpointLogger, "HTTP port: 9996"));
-    EXPECT_EQ(200, PostStatus(kDefaultPort, "/report/dflt", "{}"));
-    EXPECT_EQ("{}", ReadFile(reports / "dflt-0.json"));
-    EXPECT_EQ(0, daemon.Terminate());
 }
 
 }  // namespace

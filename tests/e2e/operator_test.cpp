@@ -34,12 +34,6 @@ std::map<std::string, std::string> Scheduled(const std::string& statusPath) {
     return plugins;
 }
 
-bool Eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 100; ++i, std::this_thread::sleep_for(100ms))
-        if (condition()) return true;
-    return false;
-}
-
 TEST(OperatorE2E, CheckConfigShowsEveryProblemWithItsLineAndTheSchedule) {
     struct Row {
         const char* name;
@@ -152,10 +146,6 @@ TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
     const std::string textfile = metrics / "tessard.prom";
     ASSERT_TRUE(Eventually([&] { return ReadFile(textfile).find(total) != std::string::npos; }))
         << ReadFile(textfile);
-    rapidjson::Document status;
-    status.Parse(ReadFile(statusPath).c_str());
-    ASSERT_FALSE(status.HasParseError());
-    EXPECT_EQ(status["reports"][0]["answers"]["200"].GetInt(), kReports);
     if (RunCommand("command -v promtool").first == 0) {
         auto [code, output] = RunCommand("promtool check metrics < " + textfile);
         EXPECT_EQ(code, 0) << output;

@@ -19,6 +19,7 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using TessardTest::DaemonOptions;
 using TessardTest::DaemonProcess;
+using TessardTest::Eventually;
 using TessardTest::TestCgroup;
 
 constexpr const char* kPool = "host/zol/kelpod/tessard-plugins";
@@ -54,14 +55,6 @@ bool Alive(const std::string& pid) {
     std::getline(std::ifstream("/proc/" + pid + "/stat"), stat);
     size_t end = stat.rfind(')');
     return end != std::string::npos && end + 2 < stat.size() && stat[end + 2] != 'Z';
-}
-
-bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
-    for (auto until = std::chrono::steady_clock::now() + timeout;
-         std::chrono::steady_clock::now() < until; std::this_thread::sleep_for(50ms)) {
-        if (done()) return true;
-    }
-    return done();
 }
 
 // The processes in the pool's plugin groups, and the groups.
@@ -170,43 +163,6 @@ TEST(PluginsE2E, RunInsideThePoolReportBackAndAreStoppedWhole) {
     ASSERT_TRUE(Eventually([&] { return PoolContents(pool).first > 0; }, 10s));
     EXPECT_EQ(daemon.Terminate(), 0);
     EXPECT_EQ(PoolContents(pool), std::make_pair(0, 0));
-}
-
-TEST(PluginsE2E, NothingLaunchesWithoutThePool) {
-    TestCgroup cgroup;
-    if (!cgroup.SkipReason().empty()) GTEST_SKIP() << cgroup.SkipReason();
-
-    DaemonOptions options;
-    options.env = {"TESSARD_TIME_SCALE=30", "TESSARD_CGROUP_ROOT=" + cgroup.Root()};
-    options.prepare = [](const std::string& root) { InstallPlugin(root, "probe", "fast"); };
-    DaemonProcess daemon(options);
-    ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
-    std::string bin = daemon.Root() + kBinDir;
-    EXPECT_TRUE(daemon.HasLine(
-        "error", "PluginLauncher",
-        std::string("Group ") + kPool + " was not found: No such file or directory", 5s));
-    EXPECT_TRUE(daemon.HasLine("error", "PluginLauncher",
-                               "Failed resource pool prechecks; cannot launch plugin: " + bin +
-                                   "probe ++group=tessard-plugins,mem=40 -u http://localhost:" +
-                                   std::to_string(daemon.Port()) + " "));
-    EXPECT_FALSE(fs::exists(bin + "probe.out/pids"));
-    EXPECT_EQ(daemon.CountLines("info", "PluginLauncher",
-                                "Launching binary: " + bin +
-                                    "probe ++group=tessard-plugins,mem=40 -u http://localhost:" +
-                                    std::to_string(daemon.Port()) + " "),
-              0);
-    EXPECT_EQ(daemon.Terminate(), 0);
-}
-
-TEST(PluginsE2E, BadTimeScaleStopsStartUp) {
-    DaemonOptions options;
-    options.env = {"TESSARD_TIME_SCALE=0"};
-    options.waitReady = false;
-    DaemonProcess daemon(options);
-    EXPECT_EQ(daemon.WaitExit(10s), 1);
-    EXPECT_NE(daemon.Logs().find("Initializing Pelinor failed: TESSARD_TIME_SCALE"),
-              std::string::npos)
-        << daemon.Logs();
 }
 
 }  // namespace

@@ -52,6 +52,14 @@ TEST(Protocol, RefusalsExpectationsAndBrokenClients) {
     EXPECT_EQ(431, Status(Exchange(port, padded(17 * 1024))));
     EXPECT_EQ(200, Status(Exchange(port, padded(15 * 1024))));
     EXPECT_EQ(400, Status(Exchange(port, "POST /r/m HTTP/1.1\r\nContent-Length: x\r\n\r\n")));
+    // No declared length, with or without a chunked body, is refused before any body is read.
+    const std::string noLength = "POST /r/n HTTP/1.1\r\nContent-Type: application/json\r\n";
+    EXPECT_EQ(411, Status(Exchange(port, noLength + "\r\n")));
+    EXPECT_EQ(411,
+              Status(Exchange(port, noLength + "Transfer-Encoding: chunked\r\n\r\n0\r\n\r\n")));
+    const std::string full(1048576, 'f');
+    EXPECT_EQ(200, PostStatus(port, "/r/full", full));
+    EXPECT_TRUE(ReadFile(dir + "full-0.json") == full);
 
     // Only the head is sent, so the first reply shows whether the body was asked for.
     const std::string expect =

@@ -51,7 +51,6 @@ bin=$root/usr/lib/tolmar/tessard/plugins/bin
 config=$root/usr/lib/tolmar/tessard/plugins/config
 mkdir -p "$bin" "$config" "$root/etc/tolmar/cpservices/tessard"
 copy_with_libraries "$probe" t/usr/lib/tolmar/tessard/plugins/bin/hog
-cp "$probe" "$bin/clock"
 plugin() {  # name frequency body
     printf '#!/bin/sh\n%s\n' "$3" >"$bin/$1"
     chmod 755 "$bin/$1"
@@ -88,33 +87,6 @@ run() {  # time-scale log cgroup.procs [NAME=value]
         exec env -i TESSARD_ROOT=/t TESSARD_TIME_SCALE=$1 $4 /bin/tessard -r /tmp/" >$2 2>&1 &
     daemon=$!
 }
-# Batch firing to the plugin's main: one fast plugin at 300 times the speed, 20 samples.
-timing() {  # cgroup.procs [NAME=value]
-    rm -f /t/usr/lib/tolmar/tessard/plugins/config/*
-    echo '{"path": "clock"}' >/t/usr/lib/tolmar/tessard/plugins/config/clock.json
-    run 300 /tmp/clock.log "$1" "$2"
-    sleep 25
-    kill -TERM $daemon
-    wait $daemon
-    awk '/About to launch plugin clock/ { split($1, t, "T"); split(t[2], h, ":");
-             fired = h[1] * 3600 + h[2] * 60 + substr(h[3], 1, length(h[3]) - 1) }
-         / clock: main at / && fired { print ($NF - fired) * 1000; fired = 0 }' /tmp/clock.log |
-        head -n 20 | sort -n >/tmp/samples
-    count=$(wc -l </tmp/samples)
-    # A figure to read, not a verdict: an emulated guest on a busy host runs late.
-    median=$(sed -n '10,11p' /tmp/samples | awk '{ sum += $1 } END { print sum / 2 }')
-    echo "GUEST-TIMING: batch firing to plugin main (ms), median of $count: $median"
-    echo "GUEST-TIMING: samples: $(tr '\n' ' ' </tmp/samples)"
-}
-
-# For comparison only: the same timing on a cgroup v1 memory hierarchy of this kernel.
-if grep -q tessard.v1 /proc/cmdline; then
-    mkdir /tmp/v1
-    mount -t cgroup -o memory memory /tmp/v1
-    mkdir -p /tmp/v1/host/zol/kelpod/tessard-plugins
-    timing /tmp/v1/cgroup.procs TESSARD_CGROUP_ROOT=/tmp/v1
-    poweroff -f
-fi
 
 mount -t cgroup2 cgroup2 $cg
 echo "+memory +pids" >$cg/cgroup.subtree_control
@@ -140,13 +112,10 @@ others=$(ls -d $cg/*/ | grep -v '/tessard.service/$' | wc -l)
 [ "$others" = 0 ] || fail="$fail; groups made outside the delegated one"
 
 # Started again where the first left off, as a restart in place would be.
-timing $cg/tessard.service/daemon/cgroup.procs
 
 if [ -n "$fail" ]; then
     echo "----- daemon log -----"
     grep -v ' trivia ' /tmp/log | tail -n 60
-    echo "----- timing log -----"
-    tail -n 20 /tmp/clock.log
     echo "GUEST-VERDICT: FAIL${fail}"
 else
     echo "GUEST-VERDICT: PASS"
@@ -161,11 +130,6 @@ boot() {  # console [kernel argument]
         -kernel "$kernel" -initrd "$work/initramfs.gz" \
         -append "console=ttyS0 panic=-1 quiet ${2:-}" </dev/null >"$1" 2>&1 || true
 }
-# With GUEST_COMPARE_V1=1, first the same timing on cgroup v1 in the same kind of guest.
-if [[ ${GUEST_COMPARE_V1:-0} == 1 ]]; then
-    boot "$work/v1" tessard.v1
-    grep 'GUEST-TIMING' "$work/v1" | sed 's/^GUEST-TIMING/GUEST-TIMING v1/' || true
-fi
 console=$work/console
 boot "$console"
 sed -n '/^GUEST-\|^-----/,$p' "$console" | grep -v '^\[' || true

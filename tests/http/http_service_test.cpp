@@ -12,10 +12,10 @@
 #include <thread>
 #include <utility>
 
-#include "platform/exceptions.h"
-#include "platform/http.h"
-#include "platform/server_socket.h"
-#include "platform/thread_pool.h"
+#include "platform/base/exceptions.h"
+#include "platform/http/http.h"
+#include "platform/http/server_socket.h"
+#include "platform/threads/thread_pool.h"
 #include "tests/support/http_client.h"
 #include "tests/support/log_capture.h"
 
@@ -59,10 +59,10 @@ class TestHandler final : public RequestHandlerMixin {
         if (url.starts_with("/answer/")) {
             response->Answer(ResponseCode{std::stoi(url.substr(8)), "Test"});
         } else if (url == "/throw") {
-            response->SetResponseCode(ResponseCode::PartialContent);
+            response->SetResponseCode(ResponseCode{206, "Partial Content"});
             throw std::runtime_error("boom");
         } else if (url == "/keep-206") {
-            response->SetResponseCode(ResponseCode::PartialContent);
+            response->SetResponseCode(ResponseCode{206, "Partial Content"});
         } else if (url == "/hold") {
             std::lock_guard lock(mutex);
             held.emplace_back(request, response);

@@ -40,9 +40,9 @@ class TessardHandlerTest : public testing::Test {
 };
 
 TEST_F(TessardHandlerTest, RefusesInTheOrderOfItsChecks) {
-    EXPECT_TRUE(log.Has(LogLevel::Info, "Tessard handler initialized"));
-    EXPECT_EQ(Status("/cpu", "{}", "Application/JSON"), 400);
-    EXPECT_EQ(Status("/cpu", "{}", "application/json; charset=utf-8"), 400);
+    for (std::string type :
+         {"Application/JSON", "application/json; charset=utf-8", "application/jsonl", ""})
+        EXPECT_EQ(Status("/cpu", "{}", type), 400) << type;
     EXPECT_EQ(Status("/", "{}", "text/plain"), 400) << "content type is checked before the URL";
     EXPECT_TRUE(log.Has(LogLevel::Error, "Unsupported content type received text/plain"));
 
@@ -68,27 +68,16 @@ TEST_F(TessardHandlerTest, RefusesInTheOrderOfItsChecks) {
     auto limit = MakeRef<FakeRequest>("/cpu", std::string(Tessard::kMaxReportSize, 'x'));
     EXPECT_EQ(Post(limit)->deliveredCode, 200);
     EXPECT_EQ(fs::file_size(tmp / "cpu-0.json"), Tessard::kMaxReportSize);
-
-    auto outcome = std::make_shared<ResponseOutcome>();
-    handler->HandleGet(MakeRef<FakeRequest>("/cpu", ""), MakeRef<FakeResponse>(outcome));
-    EXPECT_EQ(outcome->deliveredCode, 405);
-    EXPECT_EQ(outcome->allowHeader, "POST");
 }
 
 TEST_F(TessardHandlerTest, TheLastUrlSegmentNamesTheReport) {
     EXPECT_EQ(Status("/a/b/cpu", "1"), 200);
-    EXPECT_TRUE(log.Has(LogLevel::Verbose, "Report Name: /a/b/cpu"));
-    EXPECT_TRUE(log.Has(LogLevel::Info, "Report Path: " + Dir() + "cpu"));
-    EXPECT_TRUE(log.Has(LogLevel::Trivia,
-                        "Created report rotation and workqueue object for report name: cpu"));
     EXPECT_EQ(Status("cpu", "2"), 200) << "a URL without a slash is the name";
-    EXPECT_TRUE(log.Has(LogLevel::Trivia,
-                        "Retrieved report rotation and workqueue object for report name: cpu"));
     EXPECT_EQ(TessardTest::ReadFile(tmp / "cpu-1.json"), "2");
 
     // A name beginning with "." would share files with another name: ".cpu-0.json" is the
     // temporary file of cpu.
-    for (std::string url : {"/cpu/", "/a+b", "/%2e%2e", "/a%20b", "/.", "/..", "/.cpu"}) {
+    for (std::string url : {"/cpu/", "/a+b", "/%2e%2e", "/a%20b", "/a%2fb", "/.", "/..", "/.cpu"}) {
         std::string name = url.substr(url.rfind('/') + 1);
         EXPECT_EQ(Status(url), 500) << url;
         EXPECT_TRUE(log.Has(LogLevel::Error, "Error opening directory " + Dir() + ": '" + name +

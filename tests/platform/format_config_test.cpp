@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "platform/config.h"
-#include "platform/exceptions.h"
-#include "platform/format.h"
+#include "platform/base/config.h"
+#include "platform/base/exceptions.h"
+#include "platform/base/format.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 

@@ -1,4 +1,4 @@
-#include "platform/scheduler.h"
+#include "platform/threads/scheduler.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/exceptions.h"
+#include "platform/base/exceptions.h"
 #include "tests/support/log_capture.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <string>
 
-#include "platform/app.h"
+#include "platform/base/app.h"
 #include "plugins/plugin_launcher.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/plugin_fakes.h"

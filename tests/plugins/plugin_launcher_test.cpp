@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <functional>
 #include <optional>
 
 #include "tests/plugins/plugin_env.h"
@@ -10,142 +11,63 @@ using Pelinor::System::RunEnd;
 
 class PluginLauncherTest : public TessardTest::PluginEnv {
   protected:
-    // Launch times (seconds) of each plugin, by name.
-    std::map<std::string, std::vector<double>> LaunchTimes() {
+    // First launch time (seconds) of each plugin, in time order, and the time between its
+    // first two launches.
+    std::pair<std::vector<double>, double> FirstLaunches() {
         std::map<std::string, std::vector<double>> times;
-        for (const auto& l : processes.launches) {
-            std::string name = l.argv[0].substr(BinDir().size());
-            times[name.substr(0, name.rfind('.'))].push_back(l.at);
+        for (const auto& l : processes.launches) times[l.argv[0]].push_back(l.at);
+        std::vector<double> first;
+        double period = 0;
+        for (const auto& [name, at] : times) {
+            first.push_back(at[0]);
+            if (at.size() > 1) period = at[1] - at[0];
         }
-        return times;
+        std::sort(first.begin(), first.end());
+        return {first, period};
     }
 };
 
-TEST_F(PluginLauncherTest, FastBatchesRunThirtySecondsApartAndStopTheirPredecessor) {
+TEST_F(PluginLauncherTest, BatchesAreSpreadOverTheirPeriod) {
+    // Fast batches of one plugin 30 s apart, slow batches of two 60 s apart; the fast period
+    // grows to fit every batch.
+    struct Row {
+        int count;
+        std::string category;
+        std::vector<double> firstLaunches;
+        double period;
+    } rows[] = {
+        {4, "fast", {30, 60, 90, 120}, 300},
+        {11, "fast", {30, 60, 90, 120, 150, 180, 210, 240, 270, 300, 330}, 330},
+        {3, "slow", {60, 60, 120}, 300},
+    };
+    for (const Row& row : rows) {
+        std::filesystem::remove_all(ConfigDir());
+        std::filesystem::create_directories(ConfigDir());
+        processes.launches.clear();
+        TessardTest::ManualScheduler clock;  // takes this row's timers with it
+        processes.clock = &clock;
+        DescribePlugins(row.count, row.category);
+        auto launcher = Start();
+        clock.RunUntil(700);
+        auto [first, period] = FirstLaunches();
+        EXPECT_EQ(first, row.firstLaunches) << row.count << " " << row.category;
+        EXPECT_DOUBLE_EQ(period, row.period) << row.count << " " << row.category;
+        EXPECT_EQ(launcher->Plans().at(0).period.count(), row.period);
+    }
+    processes.clock = &scheduler;
+}
+
+TEST_F(PluginLauncherTest, EachBatchStopsItsPredecessorWithATenthOfThePeriodAsGrace) {
     DescribePlugins(4, "fast");
     auto launcher = Start();
-    EXPECT_TRUE(log.Has(LogLevel::Info,
-                        "Number of fast plugins: 4, Throttle timeout: 30, Min period: 120"));
-    EXPECT_FALSE(log.Has("Updated the period of the fast plugin queue to 120"));
-    for (int i = 0; i < 4; ++i)
-        EXPECT_TRUE(log.Has(LogLevel::Info, "Plugin " + std::to_string(i) + " scheduled"));
-
     scheduler.RunUntil(420);
-    auto times = LaunchTimes();
-    // Each description names its own file; order of the listing decides the batch.
-    std::vector<double> firstRuns;
-    for (const auto& [name, at] : times) {
-        ASSERT_EQ(at.size(), 2u) << name;
-        EXPECT_DOUBLE_EQ(at[1] - at[0], 300) << "re-armed one period later";
-        firstRuns.push_back(at[0]);
-    }
-    std::sort(firstRuns.begin(), firstRuns.end());
-    EXPECT_EQ(firstRuns, (std::vector<double>{30, 60, 90, 120}));
-
-    // Every batch stops the previous batch's process, with one SIGTERM each.
     ASSERT_GE(processes.terminated.size(), 4u);
     for (size_t i = 0; i < 4; ++i) {
         EXPECT_EQ(processes.terminated[i].pid, processes.launches[i].pid);
         EXPECT_DOUBLE_EQ(processes.terminated[i].at, processes.launches[i + 1].at);
         EXPECT_EQ(processes.terminated[i].grace, std::chrono::seconds(5)) << "a tenth, at most 5 s";
-        EXPECT_TRUE(log.Has(LogLevel::Info, std::to_string(processes.launches[i].pid) + " killed"));
     }
     EXPECT_EQ(processes.terminated[3].at, 330) << "the last plugin runs until the next cycle";
-    EXPECT_TRUE(log.Has(LogLevel::Trivia, "Scheduled the next iteration"));
-    EXPECT_TRUE(log.Has(LogLevel::Verbose, "Pushed plugin " + processes.launches[0].argv[0] + " (" +
-                                               std::to_string(processes.launches[0].pid) +
-                                               ") for tracking"));
-}
-
-TEST_F(PluginLauncherTest, FastPeriodGrowsToFitEveryBatch) {
-    DescribePlugins(10, "fast");
-    EXPECT_EQ(Start()->FastCategory()->period, 300u);
-    EXPECT_FALSE(log.Has("Updated the period of the fast plugin queue to 300"));
-
-    Describe("fast10", R"({"path": "fast10.sh"})");
-    auto launcher = Start();
-    EXPECT_EQ(launcher->FastCategory()->period, 330u);
-    EXPECT_TRUE(log.Has(LogLevel::Info, "Updated the period of the fast plugin queue to 330"));
-    EXPECT_EQ(launcher->SlowCategory()->period, 300u);
-}
-
-TEST_F(PluginLauncherTest, SlowPluginsRunTwoToABatch) {
-    DescribePlugins(3, "slow");
-    auto launcher = Start();
-    EXPECT_TRUE(
-        log.Has(LogLevel::Info, "Number of fast plugins: 0, Throttle timeout: 30, Min period: 0"));
-    EXPECT_EQ(launcher->FastCategory()->scheduledItems.size(), 0u);
-    EXPECT_EQ(launcher->SlowCategory()->scheduledItems.size(), 2u);
-
-    scheduler.RunUntil(119);
-    EXPECT_EQ(processes.launches.size(), 2u);
-    EXPECT_EQ(log.Count("Reached end of plugin list"), 0);
-    scheduler.RunUntil(120);
-    EXPECT_EQ(processes.launches.size(), 3u);
-    EXPECT_EQ(log.Count("Reached end of plugin list"), 1);
-    EXPECT_EQ(processes.terminated.size(), 2u) << "batch 1 stops both plugins of batch 0";
-    scheduler.RunUntil(420);
-    std::vector<double> at;
-    for (const auto& l : processes.launches) at.push_back(l.at);
-    EXPECT_EQ(at, (std::vector<double>{60, 60, 120, 360, 360, 420}));
-}
-
-TEST_F(PluginLauncherTest, LaunchFailuresAreLoggedAndRetriedNextIteration) {
-    DescribePlugins(2, "fast");
-    auto launcher = Start();
-    std::string group = "host/zol/kelpod/tessard-plugins";
-
-    ktab.lookupStatus = ENOENT;
-    scheduler.RunUntil(30);
-    EXPECT_TRUE(
-        log.Has(LogLevel::Error, "Group " + group + " was not found: No such file or directory"));
-    std::string first = processes.launches.empty() ? "" : "launched";
-    EXPECT_EQ(first, "") << "nothing launched";
-    bool refused = false;
-    for (const auto& m : log.Messages()) {
-        refused |=
-            m.starts_with("Failed resource pool prechecks; cannot launch plugin: " + BinDir() +
-                          "fast") &&
-            m.ends_with(".sh ++group=tessard-plugins,mem=40 -u http://localhost:8080 ");
-    }
-    EXPECT_TRUE(refused);
-    EXPECT_EQ(log.Count("Peak requested reservation (MB): 0, Peak requested reservation of "
-                        "children groups (MB): 0"),
-              0);
-    ktab.lookupStatus = 0;
-
-    processes.launchError = ENOENT;
-    log.Clear();
-    scheduler.RunUntil(60);
-    EXPECT_TRUE(log.Has(LogLevel::Error, "Plugin launch failed: No such file or directory"));
-    EXPECT_EQ(log.Count("Peak requested reservation (MB): 0, Peak requested reservation of "
-                        "children groups (MB): 0"),
-              2)
-        << "after the pre-checks, and again after the failure";
-    EXPECT_TRUE(launcher->FastCategory()->trackedPids.empty());
-    processes.launchError = 0;
-
-    processes.exitAtOnce = true;
-    log.Clear();
-    scheduler.RunUntil(330);
-    EXPECT_TRUE(log.Has(LogLevel::Error, "Plugin launched but failed to run: No such process"));
-    EXPECT_EQ(log.Count("Peak requested reservation (MB): 0, Peak requested reservation of "
-                        "children groups (MB): 0"),
-              2);
-    processes.exitAtOnce = false;
-
-    // A process that ended by itself is only noted; one that cannot be signalled is forgotten.
-    scheduler.RunUntil(360);
-    int32_t exited = processes.launches.back().pid;
-    processes.alive.erase(exited);
-    scheduler.RunUntil(630);
-    EXPECT_TRUE(log.Has(LogLevel::Trivia, std::to_string(exited) + " already killed"));
-    int32_t stubborn = processes.launches.back().pid;
-    processes.terminateError = EPERM;
-    scheduler.RunUntil(660);
-    EXPECT_TRUE(log.Has(LogLevel::Error, "Could not kill " + std::to_string(stubborn) + ": 1"));
-    EXPECT_EQ(launcher->FastCategory()->trackedPids.size(), 1u) << "only the new launch";
-    processes.terminateError = 0;
 }
 
 TEST_F(PluginLauncherTest, EveryRunEndsInOneLineNamingThePlugin) {
@@ -205,59 +127,57 @@ TEST_F(PluginLauncherTest, EveryRunEndsInOneLineNamingThePlugin) {
     EXPECT_EQ(seen.back().status, EACCES);
 }
 
-TEST_F(PluginLauncherTest, ResourcePoolChecksStopAtTheFirstFailure) {
+TEST_F(PluginLauncherTest, EveryBatchChecksThePoolAndLaunchesOnlyWhenItIsThere) {
+    DescribePlugins(1, "fast");
     auto launcher = Start();
-    ktab.peakKb = 1025;
-    ktab.childrenPeakKb = 1024;
-    ktab.childCount = 0;
-    EXPECT_TRUE(launcher->ResourcePoolPrechecks());
-    EXPECT_TRUE(log.Has(LogLevel::Info, "0 subgroups present in group 42"));
-    EXPECT_TRUE(log.Has(LogLevel::Info,
-                        "Peak requested reservation (MB): 2, Peak requested "
-                        "reservation of children groups (MB): 1"));
-    ktab.peakKb = 1;
-    ktab.childrenPeakKb = 0;
-    EXPECT_TRUE(launcher->PrintGroupStats());
-    EXPECT_TRUE(
-        log.Has("Peak requested reservation (MB): 1, Peak requested reservation of "
-                "children groups (MB): 0"));
-
-    ktab.signatureMatches = false;
-    int lookups = ktab.lookups;
-    EXPECT_FALSE(launcher->ResourcePoolPrechecks());
-    EXPECT_TRUE(log.Has(LogLevel::Error, "MD5 signature mismatch with running hyxvisor built on " +
-                                             std::string(20, 'K') +
-                                             " (my build date: Nov 23 2026)"));
-    EXPECT_EQ(ktab.lookups, lookups) << "the group is not looked up";
-    ktab.signatureMatches = true;
-
-    ktab.childrenStatus = EACCES;
-    EXPECT_FALSE(launcher->ResourcePoolPrechecks());
-    EXPECT_TRUE(log.Has(LogLevel::Error, "Could not check group 42: Permission denied"));
-    ktab.childrenStatus = 0;
-
-    // Statistics failures are logged but never fail the pre-checks.
-    ktab.statsStatus = EIO;
-    EXPECT_TRUE(launcher->ResourcePoolPrechecks());
-    EXPECT_TRUE(log.Has(LogLevel::Error,
-                        "Failed to retrieve memory statistics of the "
-                        "tessard-plugins group: Input/output error"));
-    ktab.statsStatus = 0;
-    ktab.addIntStatus = ENOMEM;
-    EXPECT_FALSE(launcher->PrintGroupStats());
-    EXPECT_TRUE(log.Has(LogLevel::Error,
-                        "Adding the tessard-plugins group to the parameter list "
-                        "failed: Cannot allocate memory"));
-    EXPECT_FALSE(launcher->ResourcePoolPrechecks()) << "the child count cannot be asked either";
-    EXPECT_TRUE(log.Has("Could not check group 42: Cannot allocate memory"));
-    ktab.addIntStatus = 0;
-    ktab.failCreateAt = ktab.creates;
-    EXPECT_FALSE(launcher->PrintGroupStats());
-    EXPECT_TRUE(log.Has(LogLevel::Error, "Couldn't create parameter list: Out of Memory"));
-    ktab.failCreateAt = ktab.creates;
-    EXPECT_FALSE(launcher->ResourcePoolPrechecks());
-    EXPECT_TRUE(log.Has("Group host/zol/kelpod/tessard-plugins was not found: Out of memory"));
-
+    // One batch every 300 s from 30 s on, each with one fault of the kernel or the launch.
+    struct Row {
+        std::function<void()> fault;
+        bool launches;
+        std::string line;  // an error unless launched
+    } rows[] = {
+        {[&] { ktab.signatureMatches = false; }, false,
+         "MD5 signature mismatch with running hyxvisor built on " + std::string(20, 'K') +
+             " (my build date: Nov 23 2026)"},
+        {[&] { ktab.lookupStatus = ENOENT; }, false,
+         "Group host/zol/kelpod/tessard-plugins was not found: No such file or directory"},
+        {[&] { ktab.childrenStatus = EACCES; }, false,
+         "Could not check group 42: Permission denied"},
+        {[&] { ktab.addIntStatus = ENOMEM; }, false,
+         "Could not check group 42: Cannot allocate memory"},
+        {[&] { ktab.failCreateAt = ktab.creates; }, false,
+         "Group host/zol/kelpod/tessard-plugins was not found: Out of memory"},
+        {[&] { processes.launchError = ENOENT; }, false,
+         "Plugin launch failed: No such file or directory"},
+        {[&] { processes.exitAtOnce = true; }, true,
+         "Plugin launched but failed to run: No such process"},
+        // Statistics failures are logged but never stop a launch.
+        {[&] { ktab.statsStatus = EIO; }, true,
+         "Failed to retrieve memory statistics of the tessard-plugins group: Input/output error"},
+        {[&] { ktab.peakKb = 1025, ktab.childrenPeakKb = 1024; }, true,
+         "Peak requested reservation (MB): 2, Peak requested reservation of children groups "
+         "(MB): 1"},
+        {[&] { processes.terminateError = EPERM; }, true, "Could not kill"},
+    };
+    double at = 30;
+    for (const Row& row : rows) {
+        scheduler.RunUntil(at - 1);
+        row.fault();
+        size_t launches = processes.launches.size();
+        const std::string line =
+            row.line != "Could not kill"
+                ? row.line
+                : "Could not kill " + std::to_string(processes.launches.back().pid) + ": 1";
+        scheduler.RunUntil(at);
+        EXPECT_EQ(processes.launches.size() > launches, row.launches) << line;
+        EXPECT_TRUE(log.Has(line)) << line;
+        ktab.signatureMatches = true;
+        ktab.lookupStatus = ktab.childrenStatus = ktab.addIntStatus = ktab.statsStatus = 0;
+        ktab.failCreateAt = -1;
+        processes.launchError = processes.terminateError = 0;
+        processes.exitAtOnce = false;
+        at += 300;
+    }
     EXPECT_EQ(ktab.Outstanding(), 0u) << "every parameter list is destroyed on every path";
 }
 

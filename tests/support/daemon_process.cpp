@@ -31,7 +31,12 @@ int DecodeStatus(int status) {
     return -1;
 }
 
-// Polls until `done` holds or the time is up; says which.
+std::string_view EnvName(std::string_view entry) {
+    return entry.substr(0, entry.find('='));
+}
+
+}  // namespace
+
 bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
@@ -40,12 +45,6 @@ bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds tim
         std::this_thread::sleep_for(kPoll);
     }
 }
-
-std::string_view EnvName(std::string_view entry) {
-    return entry.substr(0, entry.find('='));
-}
-
-}  // namespace
 
 std::vector<LogEntry> ParseLog(const std::string& text) {
     static const std::regex kLine(
@@ -203,18 +202,10 @@ bool DaemonProcess::WaitForLog(const std::string& substring,
     return Eventually([&] { return Logs().find(substring) != std::string::npos; }, timeout);
 }
 
-int DaemonProcess::CountLines(const std::string& level, const std::string& logger,
-                              const std::string& message) const {
-    int count = 0;
-    for (const auto& e : LogEntries())
-        count += e.level == level && e.logger == logger && e.message == message;
-    return count;
-}
-
 testing::AssertionResult DaemonProcess::HasLine(const std::string& level, const std::string& logger,
                                                 const std::string& message,
                                                 std::chrono::milliseconds timeout) const {
-    if (Eventually([&] { return CountLines(level, logger, message) > 0; }, timeout))
+    if (WaitForLog(" " + level + " " + logger + ": " + message + "\n", timeout))
         return testing::AssertionSuccess();
     std::string logs = Logs();
     if (logs.size() > 6000) logs = "..." + logs.substr(logs.size() - 6000);

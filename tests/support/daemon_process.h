@@ -46,7 +46,10 @@ struct LogEntry {
 // Names of the daemon's loggers: start-up, HTTP endpoint, report handler and storage.
 inline const std::string kMainLogger = "tessard";
 inline const std::string kEndpointLogger = "tessardEndpoint";
-inline const std::string kHandlerLogger = "TessardHandler";
+
+// Polls until `done` holds or the time is up; says which.
+bool Eventually(const std::function<bool()>& done,
+                std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 // Lines in the daemon's form "<time> <level> <logger>: <message>"; others are skipped.
 std::vector<LogEntry> ParseLog(const std::string& text);
@@ -89,8 +92,6 @@ class DaemonProcess {
     std::string Logs() const;
     std::vector<LogEntry> LogEntries() const { return ParseLog(Logs()); }
     bool WaitForLog(const std::string& substring, std::chrono::milliseconds timeout) const;
-    int CountLines(const std::string& level, const std::string& logger,
-                   const std::string& message) const;
     // Waits for a line with exactly this level, logger and message; shows the log when absent.
     testing::AssertionResult HasLine(
         const std::string& level, const std::string& logger, const std::string& message,

@@ -6,7 +6,7 @@
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
-#include "platform/exceptions.h"
+#include "platform/base/exceptions.h"
 
 namespace TessardTest {
 
@@ -41,7 +41,6 @@ class FaultyFile : public File {
     bool IsDirectory() const override { return real->IsDirectory(); }
     bool IsSymlink() const override { return real->IsSymlink(); }
     std::vector<Ref<File>> ListFiles() const override {
-        ++factory.lists;
         if (factory.failList) throw Pelinor::IOException("injected listing failure");
         return real->ListFiles();
     }
@@ -73,7 +72,6 @@ Ref<File> FaultyFactory::CreateFile(const std::string& path) {
 }
 
 Ref<OutputStream> FaultyFactory::OpenForWrite(const std::string& path, int flags) {
-    ++opens;
     if (failOpen) throw Pelinor::IOException("injected open failure");
     return MakeRef<FaultyStream>(SystemFactory::Real().OpenForWrite(path, flags), *this);
 }
@@ -98,11 +96,6 @@ FakeResponse::~FakeResponse() {
 void FakeResponse::SetResponseCode(const Pelinor::Http::ResponseCode& code) {
     std::lock_guard lock(outcome->mutex);
     outcome->heldCode = code.code;
-}
-
-void FakeResponse::SetHeader(const std::string& name, const std::string& value) {
-    std::lock_guard lock(outcome->mutex);
-    if (name == "Allow") outcome->allowHeader = value;
 }
 
 void FakeResponse::Send() {

@@ -10,8 +10,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/files.h"
-#include "platform/http.h"
+#include "platform/fs/files.h"
+#include "platform/http/http.h"
 
 namespace TessardTest {
 
@@ -26,8 +26,6 @@ class FaultyFactory : public Pelinor::System::SystemFactory {
     std::atomic<bool> failRename{false};  // Rename gives no file
     std::atomic<bool> failList{false};    // ListFiles throws IOException
     std::atomic<bool> failClose{false};   // the stream's Close throws IOException
-    std::atomic<int> opens{0};
-    std::atomic<int> lists{0};
 
     Pelinor::Ref<Pelinor::System::File> CreateFile(const std::string& path) override;
     Pelinor::Ref<Pelinor::System::OutputStream> OpenForWrite(const std::string& path,
@@ -46,7 +44,6 @@ struct ResponseOutcome {
     std::optional<int> deliveredCode;  // what the client would receive
     int sends = 0;
     bool released = false;
-    std::string allowHeader;
 
     // Waits until the response has been released; false on time-out.
     bool WaitReleased(int timeoutMs = 5000);
@@ -59,7 +56,7 @@ class FakeResponse : public Pelinor::Http::Response {
     ~FakeResponse() override;
 
     void SetResponseCode(const Pelinor::Http::ResponseCode& code) override;
-    void SetHeader(const std::string& name, const std::string& value) override;
+    void SetHeader(const std::string&, const std::string&) override {}
     void Send() override;  // throws IOException when the client is gone
 
   private:

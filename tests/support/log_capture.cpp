@@ -29,12 +29,6 @@ std::vector<LogLine> LogCapture::Lines() const {
     return lines;
 }
 
-std::vector<std::string> LogCapture::Messages() const {
-    std::vector<std::string> out;
-    for (const auto& line : Lines()) out.push_back(line.message);
-    return out;
-}
-
 bool LogCapture::Has(const std::string& message) const {
     return Count(message) > 0;
 }

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/logging.h"
+#include "platform/base/logging.h"
 
 namespace TessardTest {
 
@@ -25,8 +25,6 @@ class LogCapture : public Pelinor::Service::LogSink {
     void Write(Pelinor::Service::LogLevel level, std::string_view logger,
                std::string_view message) override;
 
-    std::vector<LogLine> Lines() const;
-    std::vector<std::string> Messages() const;
     // Whether a line with exactly this message (and level) was logged.
     bool Has(const std::string& message) const;
     bool Has(Pelinor::Service::LogLevel level, const std::string& message) const;
@@ -36,6 +34,8 @@ class LogCapture : public Pelinor::Service::LogSink {
     void Clear();
 
   private:
+    std::vector<LogLine> Lines() const;
+
     mutable std::mutex mutex;
     std::vector<LogLine> lines;
     Pelinor::Service::LogSink* previous;

@@ -55,10 +55,6 @@ void ManualScheduler::RunUntil(double seconds) {
     nowUs = until;
 }
 
-size_t ManualScheduler::Pending() const {
-    return queue.size();
-}
-
 FakeKtab::FakeKtab() : previous(Interface::sInstance) {
     Interface::sInstance = this;
 }
@@ -99,11 +95,9 @@ uint32_t FakeKtab::ParamListNumInstances(const ParamList* list) {
 void FakeKtab::ParamListDestroy(ParamList* list) {
     if (list == nullptr) return;
     if (lists.erase(list) == 0) throw std::logic_error("list destroyed twice");
-    ++destroys;
 }
 
 Status FakeKtab::Set(Node node, ParamList*, ParamList* params, void* out, size_t outSize) {
-    ++lookups;
     if (node != Node::sched_groupPathNameToID || !lists.count(params) || outSize != 8)
         return EINVAL;
     if (lookupStatus != 0) return lookupStatus;

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/ktab.h"
-#include "platform/process.h"
-#include "platform/scheduler.h"
+#include "platform/kernel/ktab.h"
+#include "platform/kernel/process.h"
+#include "platform/threads/scheduler.h"
 
 namespace TessardTest {
 
@@ -26,7 +26,6 @@ class ManualScheduler : public Pelinor::System::Scheduler {
     // Runs every callback due up to `seconds` (absolute), in time order.
     void RunUntil(double seconds);
     double Now() const { return static_cast<double>(nowUs) / 1e6; }
-    size_t Pending() const;
 
   private:
     int64_t nowUs = 0;
@@ -53,9 +52,7 @@ class FakeKtab : public Pelinor::Ktab::Interface {
     int failCreateAt = -1;  // the n-th ParamListCreate (from 0) returns nullptr
 
     // What the daemon asked.
-    int lookups = 0;
     int creates = 0;
-    int destroys = 0;  // non-null lists destroyed
     size_t Outstanding() const { return lists.size(); }
 
     int CheckSig(char* buildDate, size_t size, const char** myBuildDate) override;

@@ -3,15 +3,12 @@
 //   probe*   records its argument vector, environment, open descriptors and cgroup
 //   hog*     touches twice the memory its group argument allows
 //   sleeper* counts every SIGTERM it receives and keeps running
-//   clock*   prints, first thing, the time of day it reached main (UTC seconds)
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -45,14 +42,7 @@ void OnTerm(int) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    timespec reached{};
-    clock_gettime(CLOCK_REALTIME, &reached);
     std::string self = argv[0];
-    if (self.substr(self.rfind('/') + 1).starts_with("clock")) {
-        std::printf("main at %ld.%06ld\n", static_cast<long>(reached.tv_sec % 86400),
-                    reached.tv_nsec / 1000);
-        return 0;
-    }
     outDir = self + ".out/";
     std::string name = self.substr(self.rfind('/') + 1);
     Append("pids", std::to_string(getpid()));
