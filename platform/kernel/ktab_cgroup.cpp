@@ -26,7 +26,7 @@ struct ParamList {
 
 namespace {
 
-constexpr const char* kBuildDate = __DATE__ " " __TIME__;
+constexpr const char* kBuildDate = TESSARD_BUILD_DATE;
 constexpr uint32_t kLargestErrno = 4095;
 
 const std::string* SoleText(const ParamList* params) {
