@@ -1,10 +1,11 @@
 #include "tests/support/fakes.h"
 
-#include <boost/asio/co_spawn.hpp>
-#include <boost/asio/io_context.hpp>
+#include <gtest/gtest.h>
+
 #include <boost/asio/post.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <filesystem>
 
 #include "platform/base/exceptions.h"
 
@@ -14,7 +15,6 @@ using Pelinor::MakeRef;
 using Pelinor::Ref;
 using Pelinor::System::File;
 using Pelinor::System::OutputStream;
-using Pelinor::System::SystemFactory;
 
 namespace {
 
@@ -45,8 +45,8 @@ class FaultyFile : public File {
         return real->ListFiles();
     }
     Ref<File> Rename(const std::string& target) override {
-        if (factory.failRename) return {};
-        return real->Rename(target);
+        if (factory.vanish) std::filesystem::remove(GetPath());
+        return factory.failRename ? Ref<File>() : real->Rename(target);
     }
     bool CreateSymlink(const std::string& linkPath, int flags) const override {
         return real->CreateSymlink(linkPath, flags);
@@ -59,105 +59,38 @@ class FaultyFile : public File {
 
 }  // namespace
 
-FaultyFactory::FaultyFactory() : previous(SystemFactory::sInstance) {
-    SystemFactory::sInstance = this;
-}
-
-FaultyFactory::~FaultyFactory() {
-    SystemFactory::sInstance = previous;
-}
-
 Ref<File> FaultyFactory::CreateFile(const std::string& path) {
-    return MakeRef<FaultyFile>(SystemFactory::Real().CreateFile(path), *this);
+    return MakeRef<FaultyFile>(Real().CreateFile(path), *this);
 }
 
 Ref<OutputStream> FaultyFactory::OpenForWrite(const std::string& path, int flags) {
-    if (failOpen) throw Pelinor::IOException("injected open failure");
-    return MakeRef<FaultyStream>(SystemFactory::Real().OpenForWrite(path, flags), *this);
-}
-
-Ref<Pelinor::System::ServerSocket> FaultyFactory::CreateServerSocket() {
-    return SystemFactory::Real().CreateServerSocket();
-}
-
-bool ResponseOutcome::WaitReleased(int timeoutMs) {
-    std::unique_lock lock(mutex);
-    return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return released; });
+    return MakeRef<FaultyStream>(Real().OpenForWrite(path, flags), *this);
 }
 
 FakeResponse::~FakeResponse() {
-    std::lock_guard lock(outcome->mutex);
-    // The real service sends a released, unsent response with its code, or 500.
-    if (!outcome->deliveredCode) outcome->deliveredCode = outcome->heldCode.value_or(500);
-    outcome->released = true;
-    outcome->changed.notify_all();
-}
-
-void FakeResponse::SetResponseCode(const Pelinor::Http::ResponseCode& code) {
-    std::lock_guard lock(outcome->mutex);
-    outcome->heldCode = code.code;
+    if (!sent) delivered.set_value(held.value_or(500));
 }
 
 void FakeResponse::Send() {
-    std::lock_guard lock(outcome->mutex);
-    ++outcome->sends;
     if (clientGone) throw Pelinor::IOException("Broken pipe");
-    if (!outcome->deliveredCode) outcome->deliveredCode = outcome->heldCode.value_or(500);
-}
-
-FakeRequest::FakeRequest(std::string url, std::string body, std::string contentType)
-    : url(std::move(url)),
-      body(std::move(body)),
-      contentType(std::move(contentType)),
-      declaredLength(static_cast<int64_t>(this->body.size())) {}
-
-FakeRequest& FakeRequest::WithoutLength() {
-    declaredLength.reset();
-    return *this;
-}
-
-FakeRequest& FakeRequest::WithDeclaredLength(int64_t length) {
-    declaredLength = length;
-    return *this;
-}
-
-FakeRequest& FakeRequest::FailAfter(size_t bytes) {
-    failAfter = bytes;
-    return *this;
-}
-
-bool FakeRequest::GetContentLength(int64_t& length) const {
-    if (!declaredLength) return false;
-    length = *declaredLength;
-    return true;
-}
-
-FakeRequest& FakeRequest::InPiecesOf(size_t bytes) {
-    piece = bytes;
-    return *this;
+    if (sent) ADD_FAILURE() << "answered twice";
+    sent = true;
+    delivered.set_value(held.value_or(500));
 }
 
 Pelinor::Task<int64_t> FakeRequest::Read(char* buffer, size_t size) {
-    if (piece) {
+    if (piece != 0) {
         co_await boost::asio::post(co_await boost::asio::this_coro::executor,
                                    boost::asio::use_awaitable);
-        size = std::min(size, *piece);
+        size = std::min(size, piece);
     }
     size_t offset = bytesRead;
-    if (failAfter && offset >= *failAfter) throw Pelinor::IOException("client went away");
+    if (offset >= failAfter) throw Pelinor::IOException("client went away");
     if (offset >= body.size()) co_return -1;
     size_t n = std::min(size, body.size() - offset);
     body.copy(buffer, n, offset);
     bytesRead += n;
     co_return static_cast<int64_t>(n);
-}
-
-void RunToEnd(const std::function<Pelinor::Task<void>()>& job) {
-    boost::asio::io_context loop;
-    std::exception_ptr failure;
-    boost::asio::co_spawn(loop, job, [&](std::exception_ptr e) { failure = e; });
-    loop.run();
-    if (failure) std::rethrow_exception(failure);
 }
 
 }  // namespace TessardTest

@@ -1,12 +1,10 @@
-// Test doubles at the platform seam: a file factory that injects faults, and
-// in-memory HTTP requests and responses.
+// Test doubles at the platform seam: a file factory that injects faults, and in-memory HTTP
+// requests and responses.
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
-#include <functional>
-#include <memory>
-#include <mutex>
+#include <cstdint>
+#include <future>
 #include <optional>
 #include <string>
 
@@ -15,86 +13,72 @@
 
 namespace TessardTest {
 
-// Real files, with faults switched on by the test. Installs itself as the factory
-// for its lifetime.
+// Real files, with faults switched on by the test. Installs itself as the factory for its
+// lifetime.
 class FaultyFactory : public Pelinor::System::SystemFactory {
   public:
-    FaultyFactory();
-    ~FaultyFactory() override;
+    FaultyFactory() : previous(sInstance) { sInstance = this; }
+    ~FaultyFactory() override { sInstance = previous; }
 
-    std::atomic<bool> failOpen{false};    // OpenForWrite throws IOException
     std::atomic<bool> failRename{false};  // Rename gives no file
+    std::atomic<bool> vanish{false};      // the file is gone when Rename comes
     std::atomic<bool> failList{false};    // ListFiles throws IOException
     std::atomic<bool> failClose{false};   // the stream's Close throws IOException
 
     Pelinor::Ref<Pelinor::System::File> CreateFile(const std::string& path) override;
     Pelinor::Ref<Pelinor::System::OutputStream> OpenForWrite(const std::string& path,
                                                              int flags) override;
-    Pelinor::Ref<Pelinor::System::ServerSocket> CreateServerSocket() override;
+    Pelinor::Ref<Pelinor::System::ServerSocket> CreateServerSocket() override {
+        return Real().CreateServerSocket();
+    }
 
   private:
     Pelinor::System::SystemFactory* previous;
 };
 
-// What became of a fake response, kept beyond the response's life.
-struct ResponseOutcome {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::optional<int> heldCode;       // last code set
-    std::optional<int> deliveredCode;  // what the client would receive
-    int sends = 0;
-    bool released = false;
-
-    // Waits until the response has been released; false on time-out.
-    bool WaitReleased(int timeoutMs = 5000);
-};
-
+// What the client receives: the first code sent or, once released unsent, the code it holds
+// (500 when none), as the real service does.
 class FakeResponse : public Pelinor::Http::Response {
   public:
-    explicit FakeResponse(std::shared_ptr<ResponseOutcome> outcome, bool clientGone = false)
-        : outcome(std::move(outcome)), clientGone(clientGone) {}
+    explicit FakeResponse(bool clientGone = false) : clientGone(clientGone) {}
     ~FakeResponse() override;
 
-    void SetResponseCode(const Pelinor::Http::ResponseCode& code) override;
+    void SetResponseCode(const Pelinor::Http::ResponseCode& code) override { held = code.code; }
     void SetHeader(const std::string&, const std::string&) override {}
     void Send() override;  // throws IOException when the client is gone
 
+    std::promise<int> delivered;
+
   private:
-    std::shared_ptr<ResponseOutcome> outcome;
     const bool clientGone;
+    std::optional<int> held;
+    bool sent = false;
 };
 
 class FakeRequest : public Pelinor::Http::Request {
   public:
-    FakeRequest(std::string url, std::string body, std::string contentType = "application/json");
+    FakeRequest(std::string url, std::string body, std::string contentType = "application/json")
+        : declaredLength(static_cast<int64_t>(body.size())),
+          url(std::move(url)),
+          body(std::move(body)),
+          contentType(std::move(contentType)) {}
 
-    // Declares no length (as a chunked request does).
-    FakeRequest& WithoutLength();
-    FakeRequest& WithDeclaredLength(int64_t length);
-    // Reads throw IOException once this many bytes have been handed out.
-    FakeRequest& FailAfter(size_t bytes);
-    // Each read suspends first, as if waiting for the network, then hands out at most
-    // `bytes` bytes.
-    FakeRequest& InPiecesOf(size_t bytes);
+    std::optional<int64_t> declaredLength;  // none, as in a chunked request
+    size_t piece = 0;                       // when set, each read suspends, then gives <= piece
+    size_t failAfter = SIZE_MAX;            // reads throw IOException past this many bytes
+    std::atomic<size_t> bytesRead{0};
 
     std::string GetMethod() const override { return "POST"; }
     void GetContentType(std::string& out) const override { out = contentType; }
     std::string GetUrl() const override { return url; }
-    bool GetContentLength(int64_t& length) const override;
+    bool GetContentLength(int64_t& length) const override {
+        length = declaredLength.value_or(0);
+        return declaredLength.has_value();
+    }
     Pelinor::Task<int64_t> Read(char* buffer, size_t size) override;
 
-    std::atomic<size_t> bytesRead{0};
-
   private:
-    const std::string url;
-    const std::string body;
-    const std::string contentType;
-    std::optional<int64_t> declaredLength;
-    std::optional<size_t> failAfter;
-    std::optional<size_t> piece;
+    const std::string url, body, contentType;
 };
-
-// Runs a job to its end on a loop of the test's own and rethrows what it threw.
-void RunToEnd(const std::function<Pelinor::Task<void>()>& job);
 
 }  // namespace TessardTest

@@ -1,7 +1,6 @@
 // Captures the platform's log lines for the duration of a test.
 #pragma once
 
-#include <chrono>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -9,12 +8,6 @@
 #include "platform/base/logging.h"
 
 namespace TessardTest {
-
-struct LogLine {
-    Pelinor::Service::LogLevel level;
-    std::string logger;
-    std::string message;
-};
 
 class LogCapture : public Pelinor::Service::LogSink {
   public:
@@ -25,19 +18,15 @@ class LogCapture : public Pelinor::Service::LogSink {
     void Write(Pelinor::Service::LogLevel level, std::string_view logger,
                std::string_view message) override;
 
-    // Whether a line with exactly this message (and level) was logged.
-    bool Has(const std::string& message) const;
-    bool Has(Pelinor::Service::LogLevel level, const std::string& message) const;
+    // Lines with exactly this message (and level).
     int Count(const std::string& message) const;
-    // Waits until a line with this message appears.
-    bool WaitFor(const std::string& message, std::chrono::milliseconds timeout);
+    bool Has(const std::string& message) const { return Count(message) > 0; }
+    bool Has(Pelinor::Service::LogLevel level, const std::string& message) const;
     void Clear();
 
   private:
-    std::vector<LogLine> Lines() const;
-
     mutable std::mutex mutex;
-    std::vector<LogLine> lines;
+    std::vector<std::pair<Pelinor::Service::LogLevel, std::string>> lines;
     Pelinor::Service::LogSink* previous;
     Pelinor::Service::LogLevel previousLevel;
 };
