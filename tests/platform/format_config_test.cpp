@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <map>
+#include <string>
+#include <vector>
+
 #include "platform/base/config.h"
 #include "platform/base/exceptions.h"
 #include "platform/base/format.h"
@@ -33,36 +37,28 @@ TEST(Config, ReadsKeyPathsAndConvertsStrictly) {
             <disk><enabled>YES</enabled></disk><mem><enabled>0</enabled></mem>
             <load><enabled>maybe</enabled></load></pluginOverrides>
         </config>)");
-    int32_t value = 42;
-    EXPECT_TRUE(config->GetInt("httpPort", value));
-    EXPECT_EQ(value, 8080);
-    EXPECT_TRUE(config->GetInt("neg", value));
-    EXPECT_EQ(value, -12);
-    EXPECT_TRUE(config->GetInt("plus", value));
-    EXPECT_EQ(value, 3);
-    EXPECT_TRUE(config->GetInt("pluginOverrides/fast/timePeriodMin", value));
-    EXPECT_EQ(value, 7);
-
-    value = 42;
-    EXPECT_FALSE(config->GetInt("big", value));  // beyond 32 bits
-    EXPECT_FALSE(config->GetInt("junk", value));
-    EXPECT_FALSE(config->GetInt("empty", value));
-    EXPECT_FALSE(config->GetInt("absent", value));
-    EXPECT_FALSE(config->GetInt("pluginOverrides/fast/absent", value));
-    EXPECT_EQ(value, 42) << "a failed read leaves its output alone";
+    for (auto [key, expected] :
+         std::map<std::string, int32_t>{{"httpPort", 8080},
+                                        {"neg", -12},
+                                        {"plus", 3},
+                                        {"pluginOverrides/fast/timePeriodMin", 7}}) {
+        int32_t value = 0;
+        EXPECT_TRUE(config->GetInt(key, value) && value == expected) << key << " " << value;
+    }
+    for (std::string key : {"big", "junk", "empty", "absent", "pluginOverrides/fast/absent"}) {
+        int32_t value = 42;
+        EXPECT_FALSE(config->GetInt(key, value)) << key;
+        EXPECT_EQ(value, 42) << key << ": a failed read leaves its output alone";
+    }
     EXPECT_TRUE(
         log.Has(LogLevel::Warning, "Configuration key junk has an invalid value: '12ab' (text:5)"));
     EXPECT_TRUE(log.Has(LogLevel::Warning,
                         "Configuration key big has an invalid value: '2147483648' (text:5)"));
 
-    bool flag = false;
-    EXPECT_TRUE(config->GetBool("pluginOverrides/disk/enabled", flag));
-    EXPECT_TRUE(flag);
-    EXPECT_TRUE(config->GetBool("pluginOverrides/mem/enabled", flag));
-    EXPECT_FALSE(flag);
-    flag = true;
-    EXPECT_FALSE(config->GetBool("pluginOverrides/load/enabled", flag));
-    EXPECT_TRUE(flag);
+    bool yes = false, no = true, unchanged = true;
+    EXPECT_TRUE(config->GetBool("pluginOverrides/disk/enabled", yes) && yes);
+    EXPECT_TRUE(config->GetBool("pluginOverrides/mem/enabled", no) && !no);
+    EXPECT_FALSE(config->GetBool("pluginOverrides/load/enabled", unchanged) || !unchanged);
 }
 
 TEST(Config, MissingFileIsEmptyButBadFilesThrow) {
