@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,7 +15,6 @@
 #include <functional>
 #include <map>
 #include <optional>
-#include <stdexcept>
 #include <tuple>
 #include <utility>
 
@@ -75,77 +75,60 @@ class ManualScheduler : public System::Scheduler {
     std::map<std::pair<int64_t, uint64_t>, Pelinor::Ref<Timer>> queue;
 };
 
-// The kernel's answers about the pool, with the faults a test switches on. A list is a
-// numbered handle that must be destroyed exactly once; queries take only the pool's id.
+// The cgroup interface on whatever tree $TESSARD_CGROUP_ROOT names, with the faults a test
+// switches on, counting the lists it handed out that are not destroyed yet.
 class FakeKtab : public Ktab::Interface {
   public:
-    static constexpr uint64_t kPoolId = 42;
     FakeKtab() : previous(std::exchange(sInstance, this)) {}
     ~FakeKtab() override { sInstance = previous; }
 
     struct Faults {
         bool signatureMismatch = false;
-        bool outOfMemory = false;  // every ParamListCreate returns nullptr
+        bool outOfMemory = false;  // ParamListCreate returns nullptr
         Ktab::Status lookup = 0, children = 0, addInt = 0, stats = 0;
     } fail;
-    uint64_t peakKb = 0, childrenPeakKb = 0;
-    std::map<ParamList*, std::vector<uint64_t>> lists;  // live ones, with the numbers added
+    int liveLists = 0;
 
     int CheckSig(char* buildDate, size_t size, const char** myBuildDate) override {
-        if (!fail.signatureMismatch) return 0;
+        if (!fail.signatureMismatch) return real.CheckSig(buildDate, size, myBuildDate);
         std::memset(buildDate, 'K', size);  // no terminator: the caller must add it
         *myBuildDate = "Nov 23 2026";
         return 1;
     }
-    ParamList* ParamListCreate(int, int) override {
+    ParamList* ParamListCreate(int kind, int count) override {
         if (fail.outOfMemory) return nullptr;
-        auto* list = reinterpret_cast<ParamList*>(++handles);
-        lists[list];
-        return list;
+        ++liveLists;
+        return real.ParamListCreate(kind, count);
     }
-    Ktab::Status ParamListAddString(ParamList* list, const char*) override {
-        return lists.count(list) ? 0 : EINVAL;
+    Ktab::Status ParamListAddString(ParamList* list, const char* text) override {
+        return real.ParamListAddString(list, text);
     }
     Ktab::Status ParamListAddInt(ParamList* list, uint64_t value) override {
-        if (!lists.count(list)) return EINVAL;
-        if (fail.addInt == 0) lists[list].push_back(value);
-        return fail.addInt;
+        return fail.addInt != 0 ? fail.addInt : real.ParamListAddInt(list, value);
     }
     uint32_t ParamListNumInstances(const ParamList* list) override {
-        return static_cast<uint32_t>(lists.at(const_cast<ParamList*>(list)).size());
+        return real.ParamListNumInstances(list);
     }
     void ParamListDestroy(ParamList* list) override {
-        if (list != nullptr && lists.erase(list) == 0) throw std::logic_error("destroyed twice");
+        liveLists -= list != nullptr;
+        real.ParamListDestroy(list);
     }
-    Ktab::Status Set(Node node, ParamList*, ParamList* params, void* out, size_t size) override {
-        if (node != Node::sched_groupPathNameToID || !lists.count(params) || size != 8)
-            return EINVAL;
-        if (fail.lookup == 0) std::memcpy(out, &kPoolId, size);
-        return fail.lookup;
+    Ktab::Status Set(Node node, ParamList* instances, ParamList* params, void* out,
+                     size_t size) override {
+        return fail.lookup != 0 ? fail.lookup : real.Set(node, instances, params, out, size);
     }
     Ktab::Status GetInstanceListAlloc(Node node, ParamList* params, ParamList** out) override {
-        if (node != Node::sched_groups_members_groups || !IsPool(params)) return EINVAL;
-        if (fail.children == 0) *out = ParamListCreate(0, 0);
-        return fail.children;
+        if (fail.children != 0) return fail.children;
+        Ktab::Status status = real.GetInstanceListAlloc(node, params, out);
+        liveLists += status == 0;
+        return status;
     }
     Ktab::Status Get(Node node, ParamList* params, void* out, size_t size) override {
-        if (node != Node::sched_groups_stats_memoryStats || !IsPool(params) ||
-            size != Ktab::kMemoryStatsSize) {
-            return EINVAL;
-        }
-        if (fail.stats != 0) return fail.stats;
-        auto* record = static_cast<unsigned char*>(out);
-        std::memset(record, 0xee, size);
-        std::memcpy(record + Ktab::kPeakReservationOffset, &peakKb, 8);
-        std::memcpy(record + Ktab::kChildrenPeakReservationOffset, &childrenPeakKb, 8);
-        return 0;
+        return fail.stats != 0 ? fail.stats : real.Get(node, params, out, size);
     }
 
   private:
-    bool IsPool(ParamList* params) {
-        return lists.count(params) && lists[params] == std::vector<uint64_t>{kPoolId};
-    }
-    intptr_t handles = 0;
+    Ktab::Interface& real = Real();
     Ktab::Interface* previous;
 };
 
@@ -221,8 +204,17 @@ class PluginLauncherTest : public testing::Test {
         Tessard::fastTimePeriodMin = 5;
         Tessard::resourcePoolSizeMb = 40;
         Configure("<httpPort>8080</httpPort>");
+        // A pool of plain files: its peak is 1025 KB, its one child group's 1024 KB.
+        ::setenv("TESSARD_CGROUP_ROOT", root.Path().c_str(), 1);
+        std::filesystem::create_directories(pool + "/run-1-0");
+        TessardTest::WriteFile(root / "memory.limit_in_bytes", "0");
+        TessardTest::WriteFile(pool + "/memory.max_usage_in_bytes", "1049600");
+        TessardTest::WriteFile(pool + "/run-1-0/memory.max_usage_in_bytes", "1048576\n");
     }
-    void TearDown() override { ::unsetenv("TESSARD_ROOT"); }
+    void TearDown() override {
+        ::unsetenv("TESSARD_ROOT");
+        ::unsetenv("TESSARD_CGROUP_ROOT");
+    }
 
     // Loads a configuration file holding `xml` inside <config>.
     void Configure(const std::string& xml) {
@@ -255,6 +247,7 @@ class PluginLauncherTest : public testing::Test {
     }
 
     TessardTest::TempDir root;
+    const std::string pool = root / Ktab::kPoolPath;
     TessardTest::LogCapture log;
     ManualScheduler scheduler;
     FakeKtab ktab;
@@ -460,6 +453,9 @@ TEST_F(PluginLauncherTest, EveryRunEndsInOneLineNamingThePlugin) {
 TEST_F(PluginLauncherTest, EveryBatchChecksThePoolAndLaunchesOnlyWhenItIsThere) {
     DescribePlugins(1, "fast");
     auto launcher = Start();
+    struct stat status {};
+    ASSERT_EQ(::stat(pool.c_str(), &status), 0);
+    const std::string cannotCheck = "Could not check group " + std::to_string(status.st_ino);
     // One batch every 300 s from 30 s on, each with one fault of the kernel or the launch.
     struct Row {
         std::function<void()> fault;
@@ -471,10 +467,8 @@ TEST_F(PluginLauncherTest, EveryBatchChecksThePoolAndLaunchesOnlyWhenItIsThere) 
              " (my build date: Nov 23 2026)"},
         {[&] { ktab.fail.lookup = ENOENT; }, false,
          "Group host/zol/kelpod/tessard-plugins was not found: No such file or directory"},
-        {[&] { ktab.fail.children = EACCES; }, false,
-         "Could not check group 42: Permission denied"},
-        {[&] { ktab.fail.addInt = ENOMEM; }, false,
-         "Could not check group 42: Cannot allocate memory"},
+        {[&] { ktab.fail.children = EACCES; }, false, cannotCheck + ": Permission denied"},
+        {[&] { ktab.fail.addInt = ENOMEM; }, false, cannotCheck + ": Cannot allocate memory"},
         {[&] { ktab.fail.outOfMemory = true; }, false,
          "Group host/zol/kelpod/tessard-plugins was not found: Out of memory"},
         {[&] { processes.fail.launch = ENOENT; }, false,
@@ -484,7 +478,7 @@ TEST_F(PluginLauncherTest, EveryBatchChecksThePoolAndLaunchesOnlyWhenItIsThere) 
         // Statistics failures are logged but never stop a launch.
         {[&] { ktab.fail.stats = EIO; }, true,
          "Failed to retrieve memory statistics of the tessard-plugins group: Input/output error"},
-        {[&] { ktab.peakKb = 1025, ktab.childrenPeakKb = 1024; }, true,
+        {[] {}, true,
          "Peak requested reservation (MB): 2, Peak requested reservation of children groups "
          "(MB): 1"},
         {[&] { processes.fail.stop = EPERM; }, true, "Could not kill"},
@@ -505,7 +499,7 @@ TEST_F(PluginLauncherTest, EveryBatchChecksThePoolAndLaunchesOnlyWhenItIsThere) 
         processes.fail = {};
         at += 300;
     }
-    EXPECT_TRUE(ktab.lists.empty()) << "every parameter list is destroyed on every path";
+    EXPECT_EQ(ktab.liveLists, 0) << "every parameter list is destroyed on every path";
 }
 
 }  // namespace
