@@ -34,6 +34,7 @@ using Ktab::ParamList;
 using Pelinor::Service::LogLevel;
 using System::RunEnd;
 using Tessard::PluginEnd;
+using namespace std::chrono_literals;
 
 // Timers on a clock that moves only when the test runs it; in use while it lives.
 class ManualScheduler : public System::Scheduler {
@@ -45,14 +46,14 @@ class ManualScheduler : public System::Scheduler {
                   Pelinor::Ref<System::ScheduledItem>& item) override {
         auto timer = Pelinor::MakeRef<Timer>(callback);
         item = timer;
-        queue.emplace(std::pair(nowUs + delayUs, sequence++), timer);
+        queue.emplace(nowUs + delayUs, timer);  // after those due at the same time
     }
     // Runs every callback due up to `seconds` (absolute), in time order.
     void RunUntil(double seconds) {
         auto until = static_cast<int64_t>(seconds * 1e6);
-        while (!queue.empty() && queue.begin()->first.first <= until) {
+        while (!queue.empty() && queue.begin()->first <= until) {
             auto next = queue.extract(queue.begin());
-            nowUs = next.key().first;
+            nowUs = next.key();
             if (!next.mapped()->cancelled) next.mapped()->callback(next.mapped().Get());
         }
         nowUs = until;
@@ -71,8 +72,7 @@ class ManualScheduler : public System::Scheduler {
 
     Scheduler* previous;
     int64_t nowUs = 0;
-    uint64_t sequence = 0;
-    std::map<std::pair<int64_t, uint64_t>, Pelinor::Ref<Timer>> queue;
+    std::multimap<int64_t, Pelinor::Ref<Timer>> queue;
 };
 
 // The cgroup interface on whatever tree $TESSARD_CGROUP_ROOT names, with the faults a test
@@ -238,13 +238,6 @@ class PluginLauncherTest : public testing::Test {
         launcher->Init();
         return launcher;
     }
-    // "name:category" of every scheduled plugin, sorted.
-    static std::vector<std::string> Scheduled(const Tessard::PluginLauncher& launcher) {
-        std::vector<std::string> names;
-        for (const auto& p : launcher.Plans()) names.push_back(p.name + ":" + p.category);
-        std::sort(names.begin(), names.end());
-        return names;
-    }
 
     TessardTest::TempDir root;
     const std::string pool = root / Ktab::kPoolPath;
@@ -254,7 +247,18 @@ class PluginLauncherTest : public testing::Test {
     FakeProcessLauncher processes;
 };
 
-TEST_F(PluginLauncherTest, SortsEveryDescriptionIntoItsCategoryOrSkipsIt) {
+TEST_F(PluginLauncherTest, DescriptionsAndOverridesMakeThePluginsAndTheirCommandLines) {
+    // No port: the plugins are told the endpoint's default one.
+    Configure(R"(<pluginOverrides><rpSizeMb>128</rpSizeMb>
+        <o1><frequency>Fast</frequency><loglevel>Debug</loglevel></o1>
+        <o2><frequency>sometimes</frequency><loglevel>verbose</loglevel></o2>
+        <o3><enabled>false</enabled></o3>
+        <sub><check><loglevel>ERROR</loglevel><frequency>slow</frequency></check></sub>
+      </pluginOverrides>)");
+    Describe("o1", R"({"path": "o1.sh", "frequency": "slow"})");
+    Describe("o2", R"({"path": "o2.sh", "frequency": "slow"})");
+    Describe("o3", R"({"path": "o3.sh"})");
+    Describe("sub", R"({"path": "sub/check.sh"})");
     Describe("disk", R"({"path": "checks/disk_usage.py", "frequency": "slow"})");
     Describe("mem.json", R"({"path": "mem.sh", "frequency": "Medium", "enabled": false})");
     Describe("load", R"({"path": "load.sh", "frequency": "hourly"})");
@@ -274,39 +278,30 @@ TEST_F(PluginLauncherTest, SortsEveryDescriptionIntoItsCategoryOrSkipsIt) {
     Describe("nul", std::string(R"({"path": "cut\u0000rest.sh"})"));
     std::filesystem::create_directory(ConfigDir() + "subdir");
 
+    auto launcher = Start();
+    std::vector<std::string> scheduled;  // "name:category"
+    for (const auto& p : launcher->Plans()) scheduled.push_back(p.name + ":" + p.category);
+    std::sort(scheduled.begin(), scheduled.end());
     // "medium" runs with the slow plugins; a description's own "enabled" does not count.
-    EXPECT_EQ(
-        Scheduled(*Start()),
-        (std::vector<std::string>{"a:fast", "checks/disk_usage:slow", "cut:fast", "load:fast",
-                                  "mem:slow", "noext:fast", "tools:fast", "x.y:fast", "x.y:slow"}));
+    EXPECT_EQ(scheduled,
+              (std::vector<std::string>{"a:fast", "checks/disk_usage:slow", "cut:fast", "load:fast",
+                                        "mem:slow", "noext:fast", "o1:fast", "o2:fast",
+                                        "sub/check:slow", "tools:fast", "x.y:fast", "x.y:slow"}));
     for (std::string bad : {"number", "empty", "array", "bom", "trailing", "subdir"})
         EXPECT_TRUE(log.Has(LogLevel::Error, "Failed to parse " + ConfigDir() + bad)) << bad;
     EXPECT_TRUE(
         log.Has(LogLevel::Error, "Invalid configuration. Plugin path is not relative: /usr/bin/x"));
-}
 
-TEST_F(PluginLauncherTest, OverridesWinOverTheDescriptions) {
-    Configure(R"(<httpPort>8080</httpPort><pluginOverrides>
-        <a><frequency>Fast</frequency><loglevel>Debug</loglevel></a>
-        <b><frequency>sometimes</frequency><loglevel>verbose</loglevel></b>
-        <c><enabled>false</enabled></c>
-        <sub><check><loglevel>ERROR</loglevel><frequency>slow</frequency></check></sub>
-      </pluginOverrides>)");
-    Describe("a", R"({"path": "a.sh", "frequency": "slow"})");
-    Describe("b", R"({"path": "b.sh", "frequency": "slow"})");
-    Describe("c", R"({"path": "c.sh"})");
-    Describe("sub", R"({"path": "sub/check.sh"})");
-    auto launcher = Start();
-    EXPECT_EQ(Scheduled(*launcher),
-              (std::vector<std::string>{"a:fast", "b:fast", "sub/check:slow"}));
-    scheduler.RunUntil(100);
-    std::map<std::string, std::string> lastArguments;
-    for (const auto& l : processes.launches)
-        lastArguments[l.argv[0].substr(BinDir().size())] = l.argv.back();
-    EXPECT_EQ(lastArguments,
-              (std::map<std::string, std::string>{{"a.sh", "--loglevel=debug"},
-                                                  {"b.sh", "http://localhost:8080"},
-                                                  {"sub/check.sh", "--loglevel=error"}}));
+    scheduler.RunUntil(240);                       // the first batch of each category, once
+    std::map<std::string, std::string> arguments;  // after the path, by plugin file
+    for (const auto& l : processes.launches) {
+        for (size_t i = 1; i < l.argv.size(); ++i)
+            arguments[l.argv[0].substr(BinDir().size())] += " " + l.argv[i];
+    }
+    const std::string common = " ++group=tessard-plugins,mem=128 -u http://localhost:9996";
+    EXPECT_EQ(arguments["o1.sh"], common + " --loglevel=debug");
+    EXPECT_EQ(arguments["o2.sh"], common);
+    EXPECT_EQ(arguments["sub/check.sh"], common + " --loglevel=error");
 }
 
 TEST_F(PluginLauncherTest, LauncherWideOverridesOutsideTheirLimitsAreRefused) {
@@ -335,18 +330,6 @@ TEST_F(PluginLauncherTest, LauncherWideOverridesOutsideTheirLimitsAreRefused) {
                   c.poolError)
             << c.pool;
     }
-}
-
-TEST_F(PluginLauncherTest, CommandLineCarriesPathPoolUrlAndLogLevel) {
-    Configure("");  // no port: the endpoint's default
-    Tessard::resourcePoolSizeMb = 128;
-    Tessard::PluginConfiguration configuration;
-    Tessard::SetPath(configuration, "a.sh");
-    Tessard::SetLogLevel(configuration, "Debug");
-    EXPECT_EQ(
-        Tessard::Plugin(configuration).GetCommandLine(),
-        BinDir() +
-            "a.sh ++group=tessard-plugins,mem=128 -u http://localhost:9996 --loglevel=debug ");
 }
 
 TEST_F(PluginLauncherTest, BatchesAreSpreadOverTheirPeriod) {
@@ -399,14 +382,6 @@ TEST_F(PluginLauncherTest, EveryRunEndsInOneLineNamingThePlugin) {
     auto launcher = Start();
     std::vector<Tessard::PluginRunOutcome> seen;
     launcher->SetOutcomeObserver([&](const Tessard::PluginRunOutcome& o) { seen.push_back(o); });
-    auto ended = [](bool signalled, int status) {
-        RunEnd end;
-        end.signalled = signalled;
-        end.status = status;
-        end.runTime = std::chrono::milliseconds(1200);
-        end.peakKb = 2048;
-        return end;
-    };
     // One batch every 300 s from 30 s on; each row ends (or stops) the run of its batch.
     // The kernel's own verdicts (exit 3, out of memory, SIGKILL after the grace) are seen
     // end to end.
@@ -417,9 +392,10 @@ TEST_F(PluginLauncherTest, EveryRunEndsInOneLineNamingThePlugin) {
         LogLevel level;
         std::string line;
     } rows[] = {
-        {ended(false, 0), PluginEnd::Exited, 0, LogLevel::Info,
-         "Plugin fast0 exited with status 0 (ran 1200 ms, peak memory 2048 KB)"},
-        {ended(true, 11), PluginEnd::Signalled, 11, LogLevel::Warning,
+        {RunEnd{.status = 0, .peakKb = 2048, .runTime = 1200ms}, PluginEnd::Exited, 0,
+         LogLevel::Info, "Plugin fast0 exited with status 0 (ran 1200 ms, peak memory 2048 KB)"},
+        {RunEnd{.signalled = true, .status = 11, .peakKb = 2048, .runTime = 1200ms},
+         PluginEnd::Signalled, 11, LogLevel::Warning,
          "Plugin fast0 was ended by signal 11 (ran 1200 ms, peak memory 2048 KB)"},
         {std::nullopt, PluginEnd::StoppedAtNextBatch, 15, LogLevel::Info,
          "Plugin fast0 was stopped at its next batch (ran 0 ms, peak memory 0 KB)"},
@@ -481,20 +457,17 @@ TEST_F(PluginLauncherTest, EveryBatchChecksThePoolAndLaunchesOnlyWhenItIsThere) 
         {[] {}, true,
          "Peak requested reservation (MB): 2, Peak requested reservation of children groups "
          "(MB): 1"},
-        {[&] { processes.fail.stop = EPERM; }, true, "Could not kill"},
+        // The run of the batch before.
+        {[&] { processes.fail.stop = EPERM; }, true, "Could not kill 1002: 1"},
     };
     double at = 30;
     for (const Row& row : rows) {
         scheduler.RunUntil(at - 1);
         row.fault();
         size_t launches = processes.launches.size();
-        const std::string line =
-            row.line != "Could not kill"
-                ? row.line
-                : "Could not kill " + std::to_string(processes.launches.back().pid) + ": 1";
         scheduler.RunUntil(at);
-        EXPECT_EQ(processes.launches.size() > launches, row.launches) << line;
-        EXPECT_TRUE(log.Has(line)) << line;
+        EXPECT_EQ(processes.launches.size() > launches, row.launches) << row.line;
+        EXPECT_TRUE(log.Has(row.line)) << row.line;
         ktab.fail = {};
         processes.fail = {};
         at += 300;
