@@ -15,20 +15,6 @@
 
 extern char** environ;
 
-namespace {
-
-std::string termsPath;  // built before the handler is installed: the handler may not allocate
-
-void OnTerm(int) {
-    int fd = open(termsPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);
-    if (fd >= 0) {
-        [[maybe_unused]] ssize_t written = write(fd, "TERM\n", 5);
-        close(fd);
-    }
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
     std::string self = argv[0];
     std::string out = self + ".out/";
@@ -76,11 +62,11 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (name.starts_with("sleeper")) {
-        termsPath = out + "terms";
-        struct sigaction action {};
-        action.sa_handler = OnTerm;
-        sigaction(SIGTERM, &action, nullptr);
-        for (;;) pause();
+        ::signal(SIGTERM, [](int) {});  // handled, so pause() returns
+        for (;;) {
+            pause();
+            std::ofstream(out + "terms", std::ios::app) << "TERM\n";
+        }
     }
     return 2;
 }
