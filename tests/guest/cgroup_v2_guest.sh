@@ -12,20 +12,19 @@ skip() {
     echo "SKIPPED: $*"
     exit 77
 }
-qemu=$(command -v qemu-system-x86_64) || skip "qemu-system-x86_64 is not installed"
+for tool in qemu-system-x86_64 cpio setfattr; do
+    command -v $tool >/dev/null || skip "$tool is not installed"
+done
 kernel=$(ls /boot/vmlinuz-* 2>/dev/null | sort -V | tail -n 1) || true
 [[ -n $kernel && -r $kernel ]] || skip "no readable kernel in /boot (linux-image-amd64)"
 [[ -x /bin/busybox ]] || skip "busybox-static is not installed"
-command -v cpio >/dev/null || skip "cpio is not installed"
-command -v setfattr >/dev/null || skip "setfattr (attr) is not installed"
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 tree=$work/tree
 mkdir -p "$tree"/{bin,dev,proc,sys,tmp,etc,lib64}
 
-# Each binary with the shared libraries it loads, at the same paths.
-copy_with_libraries() {
+copy_with_libraries() {  # with the shared libraries it loads, at the same paths
     local binary=$1 target=$2 library
     cp "$binary" "$tree/$target"
     for library in $(ldd "$binary" | grep -o '/[^ ]*'); do
@@ -93,7 +92,6 @@ check "forker: pids.max 50" "pids.max not set"
 check "forker: stopping 49 processes it left behind" "pids.max not enforced"
 check "Plugin stubborn was stopped at its next batch: killed after ignoring SIGTERM" "no SIGKILL after the grace"
 check "Plugin hog was killed by the kernel: out of memory (limit 40 MB)" "no OOM line"
-check "Plugin probe exited with status 0" "no exit line"
 kill -TERM $daemon
 wait $daemon && echo "daemon stopped: 0" || fail="$fail; daemon stop failed"
 left=$(cat $cg/tessard.service/host/zol/kelpod/tessard-plugins/*/cgroup.procs 2>/dev/null | wc -l)
@@ -114,7 +112,7 @@ chmod 755 "$tree/init"
 (cd "$tree" && find . | cpio -o -H newc --quiet | gzip -1) >"$work/initramfs.gz"
 
 console=$work/console
-timeout 300 "$qemu" -accel tcg -cpu max -m 256 -nographic -no-reboot -kernel "$kernel" \
+timeout 300 qemu-system-x86_64 -accel tcg -cpu max -m 256 -nographic -no-reboot -kernel "$kernel" \
     -initrd "$work/initramfs.gz" -append "console=ttyS0 panic=-1 quiet" </dev/null >"$console" 2>&1 || true
 sed -n '/^GUEST-\|^-----/,$p' "$console" | grep -v '^\[' || true
 if ! grep -q 'GUEST-VERDICT:' "$console"; then
