@@ -102,10 +102,9 @@ others=$(ls -d $cg/*/ | grep -v '/tessard.service/$' | wc -l)
 if [ -n "$fail" ]; then
     echo "----- daemon log -----"
     grep -v ' trivia ' /tmp/log | tail -n 60
-    echo "GUEST-VERDICT: FAIL${fail}"
-else
-    echo "GUEST-VERDICT: PASS"
 fi
+verdict=${fail:+FAIL$fail}
+echo "GUEST-VERDICT: ${verdict:-PASS}"
 poweroff -f
 EOF
 chmod 755 "$tree/init"
