@@ -244,7 +244,8 @@ class PluginLauncherTest : public testing::Test {
 };
 
 TEST_F(PluginLauncherTest, DescriptionsAndOverridesMakeThePluginsAndTheirCommandLines) {
-    // No port: the plugins are told the endpoint's default one.
+    Tessard::Plugin first{Tessard::PluginConfiguration{}};  // with the fixture's port, 8080
+    // No port now: each plugin looks it up again and is told the endpoint's default one.
     Configure(R"(<pluginOverrides><rpSizeMb>128</rpSizeMb>
         <o1><frequency>Fast</frequency><loglevel>Debug</loglevel></o1>
         <o2><frequency>sometimes</frequency><loglevel>verbose</loglevel></o2>
@@ -442,6 +443,7 @@ TEST_F(PluginLauncherTest, EveryBatchChecksThePoolAndLaunchesOnlyWhenItIsThere) 
         // Statistics failures are logged but never stop a launch.
         {[&] { ktab.fail.stats = EIO; }, true,
          "Failed to retrieve memory statistics of the tessard-plugins group: Input/output error"},
+        // The fixture's figures, in MB rounded up.
         {[] {}, true,
          "Peak requested reservation (MB): 2, Peak requested reservation of children groups "
          "(MB): 1"},
