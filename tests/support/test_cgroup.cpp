@@ -37,20 +37,15 @@ void RemoveTree(const std::filesystem::path& group) {
 
 TestCgroup::TestCgroup(const std::string& poolScript) {
     std::string name = "/tessard-test-" + std::to_string(::getpid());
-    if (!std::filesystem::exists(std::string(kMemory) + "/memory.limit_in_bytes")) {
-        skipReason = std::string("no cgroup v1 memory hierarchy at ") + kMemory;
-        return;
-    }
-    if (::mkdir((kMemory + name).c_str(), 0755) != 0) {
-        skipReason =
-            std::string("cannot create a cgroup under ") + kMemory + ": " + std::strerror(errno);
+    if (!std::filesystem::exists(std::string(kMemory) + "/memory.limit_in_bytes") ||
+        ::mkdir((kMemory + name).c_str(), 0755) != 0) {
+        skipReason = std::string("cannot make a group in a cgroup v1 memory hierarchy at ") +
+                     kMemory + ": " + std::strerror(errno);
         return;
     }
     root = kMemory + name;
     pidsRoot = kPids + name;
-    if (std::filesystem::exists(std::string(kPids) + "/cgroup.procs")) {
-        ::mkdir(pidsRoot.c_str(), 0755);
-    }
+    ::mkdir(pidsRoot.c_str(), 0755);  // where v1 has a pids hierarchy beside memory
     if (poolScript.empty()) return;
     std::string command = "TESSARD_POOL_STATE_DIR=" + state.Path() + " bash " + poolScript +
                           " create --root " + root + " --cap-mb 256 >/dev/null";
