@@ -1,9 +1,9 @@
 // A stand-in plugin for end-to-end tests. What it does depends on the name it was
 // started under; it writes its findings next to itself, in <argv[0]>.out/.
-//   probe*   records its argument vector, environment, open descriptors and cgroup
+//   probe*   records its argument vector, environment, open descriptors, blocked and ignored
+//            signals, cgroups and the memory cap of its group (cgroup v1)
 //   hog*     touches twice the memory its group argument allows
 //   sleeper* counts every SIGTERM it receives and keeps running
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
@@ -12,77 +12,61 @@
 #include <cstring>
 #include <fstream>
 #include <string>
-#include <vector>
 
 extern char** environ;
 
-namespace {
-
-std::string outDir;
-std::string termsPath;  // built before the handler is installed: the handler may not allocate
-
-void Append(const std::string& file, const std::string& line) {
-    std::ofstream(outDir + file, std::ios::app) << line << '\n';
-}
-
-// Each run replaces the previous run's record.
-void Record(const std::string& file, const std::vector<std::string>& lines) {
-    std::ofstream out(outDir + file, std::ios::trunc);
-    for (const auto& line : lines) out << line << '\n';
-}
-
-void OnTerm(int) {
-    int fd = open(termsPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);
-    if (fd >= 0) {
-        [[maybe_unused]] ssize_t written = write(fd, "TERM\n", 5);
-        close(fd);
-    }
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
     std::string self = argv[0];
-    outDir = self + ".out/";
+    std::string out = self + ".out/";
     std::string name = self.substr(self.rfind('/') + 1);
-    Append("pids", std::to_string(getpid()));
+    std::ofstream(out + "pids", std::ios::app) << getpid() << '\n';
 
     if (name.starts_with("probe")) {
-        Record("argv", std::vector<std::string>(argv, argv + argc));
-        std::vector<std::string> env;
-        for (char** e = environ; *e != nullptr; ++e) env.emplace_back(*e);
-        Record("env", env);
-        DIR* fds = opendir("/proc/self/fd");
-        std::vector<std::string> descriptors;
-        while (dirent* entry = readdir(fds)) {
-            if (entry->d_name[0] != '.' && std::atoi(entry->d_name) != dirfd(fds)) {
-                descriptors.emplace_back(entry->d_name);
+        // Each run replaces the previous run's record. Descriptors first: recording opens more.
+        std::string fds;
+        for (int fd = 0; fd < sysconf(_SC_OPEN_MAX); ++fd)
+            if (fcntl(fd, F_GETFD) != -1) fds += std::to_string(fd) + '\n';
+        std::ofstream(out + "fds") << fds;
+        std::ofstream args(out + "argv");
+        for (int i = 0; i < argc; ++i) args << argv[i] << '\n';
+        std::ofstream env(out + "env");
+        for (char** e = environ; *e != nullptr; ++e) env << *e << '\n';
+        std::ofstream signals(out + "signals");  // blocked or ignored ones
+        sigset_t blocked;
+        sigprocmask(SIG_BLOCK, nullptr, &blocked);
+        for (int signal = 1; signal < NSIG; ++signal) {
+            struct sigaction action {};
+            // glibc refuses its own two real-time signals here, as it does to the daemon.
+            if (sigaction(signal, nullptr, &action) != 0) continue;
+            if (sigismember(&blocked, signal) == 1 || action.sa_handler == SIG_IGN)
+                signals << signal << '\n';
+        }
+        std::ofstream(out + "cgroup") << std::ifstream("/proc/self/cgroup").rdbuf();
+        std::ifstream groups("/proc/self/cgroup");
+        for (std::string line; std::getline(groups, line);) {
+            if (size_t at = line.find(":memory:"); at != std::string::npos) {
+                std::ofstream(out + "limit")
+                    << std::ifstream("/sys/fs/cgroup/memory" + line.substr(at + 8) +
+                                     "/memory.limit_in_bytes")
+                           .rdbuf();
             }
         }
-        closedir(fds);
-        Record("fds", descriptors);
-        std::vector<std::string> groups;
-        std::ifstream cgroup("/proc/self/cgroup");
-        for (std::string line; std::getline(cgroup, line);) groups.push_back(line);
-        Record("cgroup", groups);
         return 0;
     }
     if (name.starts_with("hog")) {
         // "++group=tessard-plugins,mem=M": allocate and touch 2*M MiB.
         const char* mem = argc > 1 ? std::strstr(argv[1], "mem=") : nullptr;
-        size_t mb = mem ? std::strtoul(mem + 4, nullptr, 10) : 40;
-        size_t bytes = 2 * mb * 1024 * 1024;
+        size_t bytes = 2 * (mem ? std::strtoul(mem + 4, nullptr, 10) : 40) * 1024 * 1024;
         auto* block = static_cast<char*>(std::malloc(bytes));
         for (size_t i = 0; block && i < bytes; i += 4096) block[i] = 1;
-        Append("survived", "yes");
         return 0;
     }
     if (name.starts_with("sleeper")) {
-        termsPath = outDir + "terms";
-        struct sigaction action {};
-        action.sa_handler = OnTerm;
-        sigaction(SIGTERM, &action, nullptr);
-        for (;;) pause();
+        ::signal(SIGTERM, [](int) {});  // handled, so pause() returns
+        for (;;) {
+            pause();
+            std::ofstream(out + "terms", std::ios::app) << "TERM\n";
+        }
     }
     return 2;
 }
