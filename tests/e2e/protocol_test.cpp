@@ -1,4 +1,12 @@
-// HTTP behaviour around the handler: methods, head size, expectations, aborted and slow clients.
+// One daemon run through everything a client can do to it: planted temporary names, a port
+// already taken, refused, broken, aborted and stalled requests; then the stop signals, and a
+// start under a service manager.
+#include <sys/stat.h>
+
+#include <boost/asio.hpp>
+#include <boost/asio/local/datagram_protocol.hpp>
+#include <ctime>
+#include <deque>
 #include <filesystem>
 #include <thread>
 
@@ -7,56 +15,88 @@
 namespace TessardTest {
 namespace {
 
-using namespace std::chrono_literals;
-
-TEST(Protocol, RefusalsExpectationsAndBrokenClients) {
-    DaemonProcess daemon;
+TEST(Serving, NoClientHoldsUpAnotherAndSignalsStopIt) {
+    DaemonOptions options;
+    // A zone far from UTC shows whether stamps are local time.
+    options.env = {"TZ=XYZ-5:45"};
+    DaemonProcess daemon(options);
     ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
     const uint16_t port = daemon.Port();
     const std::string dir = daemon.ReportDir() + "/";
-    // Stalls mid-head throughout: everything below also shows it holds up nobody.
-    RawHttpConnection slow(port);
+    auto entries = daemon.LogEntries();
+    ASSERT_FALSE(entries.empty()) << daemon.Logs();
+    for (const auto& e : entries) {
+        EXPECT_TRUE(e.level != "error" && e.level != "warning") << e.message;
+        std::tm stamp{};
+        strptime(e.time.c_str(), "%Y-%m-%dT%H:%M:%S", &stamp);
+        EXPECT_LT(std::labs(timegm(&stamp) - std::time(nullptr)), 600) << "not UTC: " << e.time;
+    }
+
+    options.port = port;
+    options.waitReady = false;
+    DaemonProcess second(options);
+    EXPECT_EQ(second.WaitExit(), 1);
+    EXPECT_TRUE(second.WaitForLog(" error tessard: Exiting due to exception: ", 0s) &&
+                second.Logs().find("listening") == std::string::npos)
+        << second.Logs();
+
+    // What is found at a temporary name is replaced, never written through.
+    TempDir outside;
+    WriteFile(outside / "victim", "precious");
+    std::filesystem::create_symlink(outside / "victim", dir + ".col-0.json");
+    std::filesystem::create_hard_link(outside / "victim", dir + ".col-1.json");
+    ASSERT_EQ(0, ::mkfifo((dir + ".col-2.json").c_str(), 0644));
+    for (const std::string body : {"{\"n\":0}", "{\"n\":1}", "{\"n\":2}"}) {
+        EXPECT_EQ(200, PostStatus(port, "/col", body));
+        EXPECT_EQ(body, ReadFile(dir + "col-" + body[5] + ".json"));
+    }
+    EXPECT_EQ("precious", ReadFile(outside / "victim"));
+    EXPECT_EQ((std::set<std::string>{"col-0.json", "col-1.json", "col-2.json", "col.json"}),
+              ListDir(daemon.ReportDir()));
+
+    // Bodies that stop after a byte, each to a name of its own, and heads that never end
+    // stay open throughout: everything below also shows they hold up nobody.
+    std::deque<RawHttpConnection> stalled, heads;
     const auto start = std::chrono::steady_clock::now();
-    ASSERT_TRUE(slow.Send("POST /r/slow HTTP/1.1\r\nHost: l\r\n"));
+    for (int i = 0; i < 64; ++i) {
+        std::string request = PostRequest("/slow/s" + std::to_string(i), std::string(100, '{'));
+        ASSERT_TRUE(stalled.emplace_back(port).Send(request.substr(0, request.size() - 99)));
+        ASSERT_TRUE(heads.emplace_back(port).Send("POST /slow/h HTTP/1.1\r\nHost:"));
+    }
 
     for (size_t sent : {size_t{0}, size_t{1000}, size_t{512 * 1024}}) {
-        RawHttpConnection connection(port);
+        RawHttpConnection aborted(port);
         std::string request = PostRequest("/r/gone", std::string(1024 * 1024, 'g'));
-        ASSERT_TRUE(connection.Send(request.substr(0, request.size() - 1024 * 1024 + sent)));
-        connection.Close();
+        ASSERT_TRUE(aborted.Send(request.substr(0, request.size() - 1024 * 1024 + sent)));
     }
     // Time for the daemon to notice the closes; nothing signals it to a client.
     std::this_thread::sleep_for(500ms);
     EXPECT_EQ(200, PostStatus(port, "/r/other", "{}"));
     for (const auto& name : ListDir(daemon.ReportDir()))
-        EXPECT_TRUE(name.starts_with(".") || name.starts_with("other")) << name;
+        EXPECT_FALSE(name.starts_with("gone") || name.starts_with("s")) << name;
     // The name is not stuck.
     ASSERT_EQ(200, PostStatus(port, "/r/gone", R"({"g":1})"));
     EXPECT_EQ(R"({"g":1})", ReadFile(dir + "gone.json"));
 
-    for (const std::string request :
-         {"GET /r/m HTTP/1.1\r\nHost: l\r\n\r\n", "DELETE /r/m HTTP/1.1\r\nHost: l\r\n\r\n",
-          "PUT /r/m HTTP/1.1\r\nHost: l\r\nContent-Type: application/json\r\n"
-          "Content-Length: 2\r\n\r\n{}"}) {
-        auto reply = Exchange(port, request);
-        EXPECT_EQ(405, Status(reply)) << request;
-        EXPECT_EQ("POST", reply ? reply->headers["allow"] : "") << request;
-        EXPECT_EQ("no-store", reply ? reply->headers["cache-control"] : "") << request;
+    for (const std::string method : {"GET", "DELETE", "PUT"}) {
+        auto reply =
+            Exchange(port, method + " /r/m HTTP/1.1\r\nHost: l\r\nContent-Length: 2\r\n\r\n{}");
+        EXPECT_EQ(405, reply.status) << method;
+        EXPECT_EQ("POST", reply.headers["allow"]) << method;
+        EXPECT_EQ("no-store", reply.headers["cache-control"]) << method;
     }
-
     auto padded = [](size_t size) {
         std::string request = PostRequest("/r/head", "{}");
         return request.insert(request.find("\r\n") + 2,
                               "X-Pad: " + std::string(size, 'p') + "\r\n");
     };
-    EXPECT_EQ(431, Status(Exchange(port, padded(17 * 1024))));
-    EXPECT_EQ(200, Status(Exchange(port, padded(15 * 1024))));
-    EXPECT_EQ(400, Status(Exchange(port, "POST /r/m HTTP/1.1\r\nContent-Length: x\r\n\r\n")));
+    EXPECT_EQ(431, Exchange(port, padded(17 * 1024)).status);
+    EXPECT_EQ(200, Exchange(port, padded(15 * 1024)).status);
+    EXPECT_EQ(400, Exchange(port, "POST /r/m HTTP/1.1\r\nContent-Length: x\r\n\r\n").status);
     // No declared length, with or without a chunked body, is refused before any body is read.
     const std::string noLength = "POST /r/n HTTP/1.1\r\nContent-Type: application/json\r\n";
-    EXPECT_EQ(411, Status(Exchange(port, noLength + "\r\n")));
-    EXPECT_EQ(411,
-              Status(Exchange(port, noLength + "Transfer-Encoding: chunked\r\n\r\n0\r\n\r\n")));
+    EXPECT_EQ(411, Exchange(port, noLength + "\r\n").status);
+    EXPECT_EQ(411, Exchange(port, noLength + "Transfer-Encoding: chunked\r\n\r\n0\r\n\r\n").status);
     const std::string full(1048576, 'f');
     EXPECT_EQ(200, PostStatus(port, "/r/full", full));
     EXPECT_TRUE(ReadFile(dir + "full-0.json") == full);
@@ -65,22 +105,44 @@ TEST(Protocol, RefusalsExpectationsAndBrokenClients) {
     const std::string expect =
         "POST /r/expect HTTP/1.1\r\nHost: l\r\nContent-Type: application/json\r\n"
         "Expect: 100-continue\r\nContent-Length: ";
-    EXPECT_EQ(413, Status(Exchange(port, expect + "1048577\r\n\r\n")));
+    EXPECT_EQ(413, Exchange(port, expect + "1048577\r\n\r\n").status);
     RawHttpConnection connection(port);
     ASSERT_TRUE(connection.Send(expect + "7\r\n\r\n"));
-    EXPECT_EQ(100, Status(connection.ReadReply(5s)));
+    EXPECT_EQ(100, connection.ReadReply(5s).value_or(HttpReply{}).status);
     ASSERT_TRUE(connection.Send(R"({"e":1})"));
-    EXPECT_EQ(200, Status(connection.ReadReply()));
+    EXPECT_EQ(200, connection.ReadReply().value_or(HttpReply{}).status);
     EXPECT_EQ(R"({"e":1})", ReadFile(dir + "expect-0.json"));
     // The same connection carries on.
     ASSERT_TRUE(connection.Send(PostRequest("/r/expect", R"({"e":2})")));
-    EXPECT_EQ(200, Status(connection.ReadReply()));
+    EXPECT_EQ(200, connection.ReadReply().value_or(HttpReply{}).status);
     EXPECT_EQ("expect-1.json", ReadLink(dir + "expect.json"));
 
-    EXPECT_TRUE(slow.WaitClosed(20s));
+    for (auto& head : heads) EXPECT_TRUE(head.WaitClosed(20s));
     EXPECT_GE(std::chrono::steady_clock::now() - start, 9s);
-    EXPECT_FALSE(std::filesystem::exists(dir + "slow.json"));
-    EXPECT_EQ(0, daemon.Terminate());
+    EXPECT_EQ(0, daemon.Terminate(SIGTERM)) << daemon.Logs();
+
+    // Under a service manager: told when ready and when stopping, and lines in journal form.
+    TempDir notifyDir;
+    boost::asio::io_context io;
+    using Datagram = boost::asio::local::datagram_protocol;
+    Datagram::socket notify(io, Datagram::endpoint(notifyDir / "notify"));
+    auto received = [&] {
+        std::string datagram(64, '\0');
+        if (!Eventually([&] { return notify.available() > 0; })) return std::string();
+        return datagram.substr(0, notify.receive(boost::asio::buffer(datagram)));
+    };
+    daemon.options.env.push_back("NOTIFY_SOCKET=" + notifyDir / "notify");
+    daemon.options.env.push_back("JOURNAL_STREAM=8:1234");
+    ASSERT_TRUE(daemon.Restart()) << daemon.Logs();
+    EXPECT_EQ(received(), "READY=1");
+    // Ready means serving, with the launcher's start-up behind it.
+    EXPECT_TRUE(daemon.WaitForLog("<5>PluginLauncher: About to schedule slow plugins\n", 0s));
+    EXPECT_TRUE(daemon.WaitForLog(
+        "<5>tessardEndpoint: HTTP endpoint listening on port: " + std::to_string(port) + "\n", 0s))
+        << daemon.Logs();
+    EXPECT_EQ(200, PostStatus(port, "/r/up", "{}"));
+    EXPECT_EQ(0, daemon.Terminate(SIGINT)) << daemon.Logs();
+    EXPECT_EQ(received(), "STOPPING=1");
 }
 
 }  // namespace
