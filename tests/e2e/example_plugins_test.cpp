@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <boost/asio.hpp>
-#include <map>
 #include <regex>
 
 #include "tests/support/daemon_process.h"
@@ -44,7 +43,6 @@ TEST(ExamplePlugins, EachStoresAValidReport) {
          {"newest_report_age_s", "writable", "report_names", "dangling_links"},
          daemon.ReportDir()},
     };
-    std::map<std::string, int> runs;
     rapidjson::Document doc;
     auto text = [&](const char* key) -> std::string {
         return doc.HasMember(key) && doc[key].IsString() ? doc[key].GetString() : "";
@@ -53,8 +51,6 @@ TEST(ExamplePlugins, EachStoresAValidReport) {
         SCOPED_TRACE(c.name + " " + c.option);
         auto [code, log] = RunPlugin(c.name, daemon.Port(), "--loglevel=debug " + c.option);
         ASSERT_EQ(0, code) << log;
-        EXPECT_EQ(c.name + "-" + std::to_string(runs[c.name]++) + ".json",
-                  ReadLink(dir + c.name + ".json"));
         std::string body = ReadFile(dir + c.name + ".json");
         // Stored exactly as logged at debug level.
         EXPECT_NE(log.find(c.name + ": debug: report: " + body + "\n"), std::string::npos) << log;

@@ -17,15 +17,16 @@ std::string Describe(const std::string& name, const std::string& frequency) {
     return R"({"path": ")" + name + R"(.sh", "frequency": ")" + frequency + R"("})";
 }
 
-// Plugin name -> category, from the status file; empty while it is missing or unparsable.
-std::map<std::string, std::string> Scheduled(const std::string& statusPath) {
-    std::map<std::string, std::string> plugins;
-    rapidjson::Document status;
-    status.Parse(ReadFile(statusPath).c_str());
-    if (status.HasParseError() || !status.IsObject()) return plugins;
-    for (const auto& p : status["plugins"].GetArray())
-        plugins[p["name"].GetString()] = p["category"].GetString();
-    return plugins;
+// Whether the status file comes to show exactly these plugins (name -> category).
+bool Schedules(const std::string& statusPath, const std::map<std::string, std::string>& plan) {
+    return Eventually([&] {
+        std::map<std::string, std::string> plugins;
+        rapidjson::Document status;
+        if (!status.Parse(ReadFile(statusPath).c_str()).IsObject()) return false;
+        for (const auto& p : status["plugins"].GetArray())
+            plugins[p["name"].GetString()] = p["category"].GetString();
+        return plugins == plan;
+    });
 }
 
 // Runs that only print and exit: each row's first text starts the output, the others are in it.
@@ -116,10 +117,7 @@ TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
                                "Unknown configuration key pluginOverrides/colour (" +
                                    daemon.ConfigPath() + ":1) is ignored"));
     const std::string statusPath = daemon.Root() + kStatusFile;
-    using Plan = std::map<std::string, std::string>;
-    ASSERT_TRUE(Eventually([&] {
-        return Scheduled(statusPath) == Plan{{"a", "fast"}, {"b", "slow"}};
-    })) << ReadFile(statusPath);
+    ASSERT_TRUE(Schedules(statusPath, {{"a", "fast"}, {"b", "slow"}})) << ReadFile(statusPath);
 
     // A changed description and a new override take effect.
     WriteFile(daemon.Root() + kDescriptions + "b.json", Describe("b", "fast"));
@@ -127,10 +125,7 @@ TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
         daemon.ConfigPath(),
         config + "<pluginOverrides><a><enabled>false</enabled></a></pluginOverrides></config>");
     daemon.Signal(SIGHUP);
-    EXPECT_TRUE(Eventually([&] {
-        return Scheduled(statusPath) == Plan{{"b", "fast"}};
-    })) << ReadFile(statusPath)
-        << daemon.Logs();
+    EXPECT_TRUE(Schedules(statusPath, {{"b", "fast"}})) << ReadFile(statusPath) << daemon.Logs();
     EXPECT_TRUE(daemon.HasLine("info", "tessard", "Reloaded " + daemon.ConfigPath()));
 
     // A configuration that does not load changes nothing.
@@ -150,9 +145,7 @@ TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
     poster.join();
     EXPECT_TRUE(daemon.Running());
     EXPECT_EQ(ReadFile(daemon.ReportDir() + "/load.json"), "{\"i\":99}");
-    EXPECT_TRUE(Eventually([&] {
-        return Scheduled(statusPath) == Plan{{"a", "fast"}, {"b", "fast"}};
-    }));
+    EXPECT_TRUE(Schedules(statusPath, {{"a", "fast"}, {"b", "fast"}})) << ReadFile(statusPath);
 
     // The status file, the textfile and the status command all show the reports.
     const std::string total = "tessard_reports_total{name=\"load\",code=\"200\"} 100\n";
@@ -165,7 +158,7 @@ TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
     }
 
     const std::string statusCommand =
-        "TESSARD_ROOT=" + daemon.Root() + " " + daemon.Binary() + " status";
+        "TESSARD_ROOT=" + daemon.Root() + " " + TESSARD_BINARY " status";
     auto [code, table] = RunCommand(statusCommand);
     EXPECT_EQ(code, 0) << table;
     EXPECT_NE(table.find("\nload "), std::string::npos) << table;

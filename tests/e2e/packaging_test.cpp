@@ -89,7 +89,6 @@ TEST(PackagingE2E, DebianPackageHoldsTheInstallationAndIsLintianClean) {
         RunCommand("OUT_DIR=" + out.Path() + " " + TESSARD_SOURCE_DIR + "/scripts/package.sh");
     ASSERT_EQ(code, 0) << output;
     std::string deb = out / "tessard_1.0.0_amd64.deb";
-    ASSERT_TRUE(fs::exists(deb)) << output;
 
     std::string contents = RunCommand("dpkg-deb --contents " + deb).second;
     for (const std::string file :
@@ -100,12 +99,11 @@ TEST(PackagingE2E, DebianPackageHoldsTheInstallationAndIsLintianClean) {
         EXPECT_NE(contents.find(" ." + file + "\n"), std::string::npos) << file << "\n" << contents;
     EXPECT_EQ(RunCommand("dpkg-deb --info " + deb + " conffiles").second,
               std::string(kConfig) + "\n");
-    std::string depends = RunCommand("dpkg-deb --field " + deb + " Depends").second;
-    EXPECT_NE(depends.find("curl"), std::string::npos) << depends;
+    EXPECT_NE(RunCommand("dpkg-deb --field " + deb + " Depends").second.find("curl"),
+              std::string::npos);
     // Errors and warnings, and hardening shortfalls (info tags); overrides carry reasons.
-    auto [lintianCode, tags] = RunCommand("(lintian --info " + deb + " 2>/dev/null)");
-    EXPECT_EQ(lintianCode, 0) << tags;
-    EXPECT_EQ(tags, "") << tags;
+    EXPECT_EQ(RunCommand("(lintian --info " + deb + " 2>/dev/null)"),
+              std::make_pair(0, std::string()));
 
     if (RunCommand("command -v promtool").first == 0) {
         auto [rulesCode, rules] =

@@ -23,8 +23,7 @@ bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds tim
 
 std::set<std::string> ListDir(const std::string& dir) {
     std::set<std::string> names;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(dir, error))
+    for (const auto& entry : std::filesystem::directory_iterator(dir))
         names.insert(entry.path().filename());
     return names;
 }
@@ -51,10 +50,10 @@ int PostStatus(uint16_t port, const std::string& target, const std::string& body
 DaemonProcess::DaemonProcess(DaemonOptions opts, std::string bin)
     : options(std::move(opts)), binary(std::move(bin)) {
     port = options.port != 0 ? options.port : FreePort();
-    std::filesystem::create_directories(reportDir);
-    for (const char* dir : {"config", "bin"})
-        std::filesystem::create_directories(root + "/usr/lib/tolmar/tessard/plugins/" + dir);
-    std::filesystem::create_directories(std::filesystem::path(ConfigPath()).parent_path());
+    for (const std::string& dir :
+         {reportDir, root + "/usr/lib/tolmar/tessard/plugins/config",
+          root + "/usr/lib/tolmar/tessard/plugins/bin", root + "/etc/tolmar/cpservices/tessard"})
+        std::filesystem::create_directories(dir);
     WriteFile(ConfigPath(),
               options.configXml.value_or("<config><httpPort>" + std::to_string(port) +
                                          "</httpPort><log><level>trivia</level></log>" +
@@ -142,7 +141,7 @@ testing::AssertionResult DaemonProcess::HasLine(const std::string& level, const 
         return testing::AssertionSuccess();
     std::string logs = Logs();
     return testing::AssertionFailure()
-           << "missing line \"" << level << " " << logger << ": " << message << "\" in the log:\n"
+           << "missing \"" << level << " " << logger << ": " << message << "\" in:\n"
            << logs.substr(logs.size() - std::min<size_t>(6000, logs.size()));
 }
 

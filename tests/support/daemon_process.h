@@ -2,16 +2,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
 
-#include <chrono>
 #include <csignal>
-#include <cstdint>
 #include <functional>
-#include <optional>
 #include <set>
-#include <string>
-#include <utility>
 #include <vector>
 
 #include "tests/support/http_client.h"
@@ -44,7 +38,7 @@ struct LogEntry {
 
 // Polls until `done` holds or the time is up; says which.
 bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout = 10s);
-// Names in a directory; empty when it cannot be read.
+// Names in a directory.
 std::set<std::string> ListDir(const std::string& dir);
 // Runs a shell command: its exit code and everything it printed (both streams).
 std::pair<int, std::string> RunCommand(const std::string& command);
@@ -62,7 +56,6 @@ class DaemonProcess {
     const std::string& Root() const { return root; }
     const std::string& ReportDir() const { return reportDir; }  // no trailing "/"
     std::string ConfigPath() const { return root + "/etc/tolmar/cpservices/tessard/config.xml"; }
-    const std::string& Binary() const { return binary; }
 
     // Whether the current run logged that it listens (false when it exited first).
     bool Ready() const { return ready; }

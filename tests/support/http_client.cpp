@@ -38,8 +38,7 @@ RawHttpConnection::RawHttpConnection(uint16_t port) : stream(std::make_unique<St
 RawHttpConnection::~RawHttpConnection() = default;
 
 void RawHttpConnection::Close() {
-    boost::system::error_code ignored;
-    stream->socket.close(ignored);
+    stream->socket.close();
 }
 
 bool RawHttpConnection::Send(const std::string& bytes) {
