@@ -33,34 +33,32 @@ bool Schedules(const std::string& statusPath, const std::map<std::string, std::s
 TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
     const std::string usage =
         "Usage: tessard [-r REPORT_DIR] | --help | --version | --check-config | status [--json]\n";
-    const std::string check = "--check-config";
+    const std::string check = "--check-config", bin = TESSARD_BINARY;
     struct Row {
         std::vector<std::string> args;
         int exitCode;
         std::vector<std::string> output;
+        std::vector<std::string> env = {};
         std::string config = "";       // default: the generated one
         std::string description = "";  // of "broken.json", none when empty
-        std::vector<std::string> env = {};
     } rows[] = {
-        {{"-x"}, 1, {TESSARD_BINARY + std::string(": invalid option -- 'x'\n") + usage}},
-        {{"--bogus"},
-         1,
-         {TESSARD_BINARY + std::string(": unrecognized option '--bogus'\n") + usage}},
+        {{"-x"}, 1, {bin + ": invalid option -- 'x'\n" + usage}},
+        {{"--bogus"}, 1, {bin + ": unrecognized option '--bogus'\n" + usage}},
         {{"--version"}, 0, {"tessard 1.0.0 (build 1)\n"}},
         {{"--help"}, 0, {usage + "\ntessard: host health daemon."}},
         {{"status", "--yaml"}, 1, {"Usage: tessard status [--json]\n"}},
-        {{},
+        {{}, 1, {"Initializing Pelinor failed: TESSARD_TIME_SCALE"}, {"TESSARD_TIME_SCALE=0"}},
+        {{}, 1, {"Initializing Pelinor failed: "}, {}, "<config><httpPort>1</config"},
+        {{check},
          1,
-         {"Initializing Pelinor failed: TESSARD_TIME_SCALE"},
-         "",
-         "",
-         {"TESSARD_TIME_SCALE=0"}},
-        {{}, 1, {"Initializing Pelinor failed: "}, "<config><httpPort>1</config"},
-        {{check}, 1, {"Configuration: Malformed configuration "}, "<config><httpPort>1</config"},
+         {"Configuration: Malformed configuration "},
+         {},
+         "<config><httpPort>1</config"},
         {{check},
          0,
          {"Configuration ", "  a                       slow      300s      60s        40 MiB\n",
           "  b                       fast      300s      30s        40 MiB\n", "No problems.\n"},
+         {},
          "<config>\n<httpPort>9996</httpPort>\n<pluginOverrides><b><frequency>Fast</frequency>"
          "</b></pluginOverrides>\n</config>\n"},
         {{check},
@@ -72,6 +70,7 @@ TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
           "config.xml:5: pluginOverrides/a/enabled: 'maybe' is not a boolean: ignored\n",
           "config.xml:5: pluginOverrides/dsk/loglevel: no plugin description names dsk\n",
           "broken.json\n", "  a                       slow", "Problems found.\n"},
+         {},
          "<config>\n<httpPort>99x</httpPort>\n<pluginOverides><a><enabled>no</enabled></a>"
          "</pluginOverides>\n<pluginOverrides><rpSizeMb>900</rpSizeMb>\n<a><enabled>maybe</enabled>"
          "</a><dsk><loglevel>info</loglevel></dsk></pluginOverrides>\n</config>\n",

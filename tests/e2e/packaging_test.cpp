@@ -1,6 +1,7 @@
 // The daemon as installed: what `cmake --install` lays out, the installed binary started from
 // there, and what systemd makes of the unit; the Debian package.
 #include <filesystem>
+#include <regex>
 
 #include "tests/support/daemon_process.h"
 #include "tests/support/test_cgroup.h"
@@ -23,19 +24,13 @@ void Install(const std::string& destdir) {
 TEST(PackagingE2E, InstalledDaemonTakesReportsAndRunsTheExamplePlugins) {
     TempDir dest;
     ASSERT_NO_FATAL_FAILURE(Install(dest.Path()));
-    // The installed sample configuration as it ships, on a port of the test's own.
-    std::string sample = ReadFile(dest.Path() + kConfig);
-    const std::string shippedPort = "<httpPort>9996</httpPort>";
-    ASSERT_NE(sample.find(shippedPort), std::string::npos) << sample;
-    uint16_t port = FreePort();
-    sample.replace(sample.find(shippedPort), shippedPort.size(),
-                   "<httpPort>" + std::to_string(port) + "</httpPort>");
-
     // Plugins launch where this host lets the test make a memory cgroup.
     TestCgroup cgroup(dest.Path() + "/usr/sbin/tessard-pool");
     DaemonOptions options;
-    options.port = port;
-    options.configXml = sample;
+    options.port = FreePort();
+    // The installed sample configuration as it ships, on a port of the test's own.
+    options.configXml = std::regex_replace(ReadFile(dest.Path() + kConfig), std::regex(">9996<"),
+                                           ">" + std::to_string(options.port) + "<");
     // Without a group of the test's own, no pool at all: never the host's.
     std::string cgroupRoot = cgroup.SkipReason().empty() ? cgroup.Root() : dest / "no-cgroup";
     options.env = {"TESSARD_TIME_SCALE=30", "TESSARD_CGROUP_ROOT=" + cgroupRoot};
@@ -48,7 +43,7 @@ TEST(PackagingE2E, InstalledDaemonTakesReportsAndRunsTheExamplePlugins) {
     DaemonProcess daemon(options, dest.Path() + "/usr/sbin/tessard");
     ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
     EXPECT_EQ(daemon.Logs().find("Configuration"), std::string::npos) << daemon.Logs();
-    EXPECT_EQ(PostStatus(port, "/installed", R"({"ok":true})"), 200);
+    EXPECT_EQ(PostStatus(daemon.Port(), "/installed", R"({"ok":true})"), 200);
     EXPECT_EQ(ReadFile(daemon.ReportDir() + "/installed-0.json"), R"({"ok":true})");
     if (cgroup.SkipReason().empty()) {
         // The first fast batch fires a second after start-up.

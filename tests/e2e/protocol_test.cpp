@@ -85,27 +85,24 @@ TEST(Serving, NoClientHoldsUpAnotherAndSignalsStopIt) {
         EXPECT_EQ("POST", reply.headers["allow"]) << method;
         EXPECT_EQ("no-store", reply.headers["cache-control"]) << method;
     }
-    auto padded = [](size_t size) {
-        std::string request = PostRequest("/r/head", "{}");
-        return request.insert(request.find("\r\n") + 2,
-                              "X-Pad: " + std::string(size, 'p') + "\r\n");
+    // No declared length, with or without a chunked body, is refused before any body is read;
+    // with Expect only the head is sent, so the reply shows whether the body was asked for.
+    const std::string type = "POST /r/n HTTP/1.1\r\nHost: l\r\nContent-Type: application/json\r\n";
+    const std::string expect =
+        "POST /r/expect" + type.substr(9) + "Expect: 100-continue\r\nContent-Length: ";
+    const std::pair<std::string, int> rows[] = {
+        {type + "X-Pad: " + std::string(17 * 1024, 'p') + "\r\nContent-Length: 0\r\n\r\n", 431},
+        {type + "X-Pad: " + std::string(15 * 1024, 'p') + "\r\nContent-Length: 2\r\n\r\n{}", 200},
+        {type + "Content-Length: x\r\n\r\n", 400},
+        {type + "\r\n", 411},
+        {type + "Transfer-Encoding: chunked\r\n\r\n0\r\n\r\n", 411},
+        {expect + "1048577\r\n\r\n", 413},
     };
-    EXPECT_EQ(431, Exchange(port, padded(17 * 1024)).status);
-    EXPECT_EQ(200, Exchange(port, padded(15 * 1024)).status);
-    EXPECT_EQ(400, Exchange(port, "POST /r/m HTTP/1.1\r\nContent-Length: x\r\n\r\n").status);
-    // No declared length, with or without a chunked body, is refused before any body is read.
-    const std::string noLength = "POST /r/n HTTP/1.1\r\nContent-Type: application/json\r\n";
-    EXPECT_EQ(411, Exchange(port, noLength + "\r\n").status);
-    EXPECT_EQ(411, Exchange(port, noLength + "Transfer-Encoding: chunked\r\n\r\n0\r\n\r\n").status);
+    for (const auto& [request, status] : rows)
+        EXPECT_EQ(status, Exchange(port, request).status) << request.substr(0, 70);
     const std::string full(1048576, 'f');
     EXPECT_EQ(200, PostStatus(port, "/r/full", full));
     EXPECT_TRUE(ReadFile(dir + "full-0.json") == full);
-
-    // Only the head is sent, so the first reply shows whether the body was asked for.
-    const std::string expect =
-        "POST /r/expect HTTP/1.1\r\nHost: l\r\nContent-Type: application/json\r\n"
-        "Expect: 100-continue\r\nContent-Length: ";
-    EXPECT_EQ(413, Exchange(port, expect + "1048577\r\n\r\n").status);
     RawHttpConnection connection(port);
     ASSERT_TRUE(connection.Send(expect + "7\r\n\r\n"));
     EXPECT_EQ(100, connection.ReadReply(5s).value_or(HttpReply{}).status);

@@ -59,7 +59,7 @@ DaemonProcess::DaemonProcess(DaemonOptions opts, std::string bin)
                                          "</httpPort><log><level>trivia</level></log>" +
                                          options.extraConfig + "</config>\n"));
     if (options.prepare) options.prepare(root);
-    Start();
+    Restart();
 }
 
 DaemonProcess::~DaemonProcess() {
@@ -73,7 +73,8 @@ void DaemonProcess::ExpectNoSanitizerReport() const {
         ADD_FAILURE() << "sanitizer report from the daemon:\n" << logs.substr(at, 20000);
 }
 
-void DaemonProcess::Start() {
+bool DaemonProcess::Restart() {
+    Kill9();
     if (runs > 0) ExpectNoSanitizerReport();
     logPath = temp / ("daemon-" + std::to_string(++runs) + ".log");
     ready = false;
@@ -103,6 +104,7 @@ void DaemonProcess::Start() {
     if (options.waitReady)
         Eventually(
             [&] { return (ready = WaitForLog("HTTP endpoint listening", 0s)) || !Running(); }, 30s);
+    return ready;
 }
 
 bool DaemonProcess::Running() {
@@ -160,12 +162,6 @@ int DaemonProcess::Terminate(int signal) {
 void DaemonProcess::Kill9() {
     if (Running()) kill(pid, SIGKILL);
     WaitExit();
-}
-
-bool DaemonProcess::Restart() {
-    if (Running()) Terminate();
-    Start();
-    return ready;
 }
 
 }  // namespace TessardTest

@@ -78,13 +78,13 @@ class DaemonProcess {
     // Sends the signal and waits; a daemon that does not stop in time is killed, giving -1.
     int Terminate(int signal = SIGTERM);
     void Kill9();
-    // Stops a running daemon, then starts it again on the same tree and port with `options`.
+    // Starts the daemon again on the same tree and port with `options` (killing a running one);
+    // whether it became ready.
     bool Restart();
 
     DaemonOptions options;  // a change takes effect at the next start
 
   private:
-    void Start();
     // Sanitizer builds of the daemon report at exit; any report fails the test.
     void ExpectNoSanitizerReport() const;
 
