@@ -11,14 +11,10 @@
 namespace TessardTest {
 namespace {
 
-std::string Named(const std::string& name) {
-    return R"({"name":")" + name + R"(",)";
-}
-
 // A body that names its origin; the exact bytes follow from (name, conn, seq, size).
 std::string NumberedBody(const std::string& name, int conn, int seq, size_t size) {
-    std::string head = Named(name) + R"("conn":)" + std::to_string(conn) + R"(,"seq":)" +
-                       std::to_string(seq) + R"(,"pad":")";
+    std::string head = R"({"name":")" + name + R"(","conn":)" + std::to_string(conn) +
+                       R"(,"seq":)" + std::to_string(seq) + R"(,"pad":")";
     return head + std::string(size - head.size() - 2, '.') + "\"}";
 }
 
@@ -72,7 +68,8 @@ TEST(ManyClients, ReportsOfSharedNamesAllLandInOrderAndSurviveAKill) {
         for (int step = 1; step <= 3; ++step) {
             std::string file = Slot(name, (link[name.size() + 1] - '0' + step) % 3);
             auto origin = byBody.find(ReadFile(dir + file));
-            ASSERT_TRUE(origin != byBody.end() && origin->first.starts_with(Named(name)))
+            ASSERT_TRUE(origin != byBody.end() &&
+                        origin->first.starts_with(R"({"name":")" + name + "\""))
                 << file << " is not a whole report to " << name;
             ring.push_back(origin->second);
         }
@@ -122,7 +119,7 @@ TEST(ManyClients, ReportsOfSharedNamesAllLandInOrderAndSurviveAKill) {
             if (!std::filesystem::exists(dir + Slot(name, i))) continue;
             highest = i;
             std::string content = ReadFile(dir + Slot(name, i));
-            EXPECT_TRUE(content.starts_with(Named(name)) &&
+            EXPECT_TRUE(content.starts_with(R"({"name":")" + name + "\"") &&
                         std::ranges::any_of(posted, [&](auto& p) { return p.count(content); }))
                 << Slot(name, i) << " is not a whole posted report: " << content.substr(0, 80);
         }

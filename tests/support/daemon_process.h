@@ -77,6 +77,7 @@ class DaemonProcess {
     }
     // Sends the signal and waits; a daemon that does not stop in time is killed, giving -1.
     int Terminate(int signal = SIGTERM);
+    // Kills a daemon still running; fails the test on a sanitizer report of the run.
     void Kill9();
     // Starts the daemon again on the same tree and port with `options` (killing a running one);
     // whether it became ready.
@@ -85,9 +86,6 @@ class DaemonProcess {
     DaemonOptions options;  // a change takes effect at the next start
 
   private:
-    // Sanitizer builds of the daemon report at exit; any report fails the test.
-    void ExpectNoSanitizerReport() const;
-
     std::string binary;
     TempDir temp;
     std::string root = temp / "root";

@@ -2,7 +2,6 @@
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/asio.hpp>
-#include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
 
 namespace TessardTest {
@@ -14,7 +13,7 @@ using asio::ip::tcp;
 struct RawHttpConnection::Stream {
     asio::io_context io;
     tcp::socket socket{io};
-    boost::beast::flat_buffer buffer;  // bytes read past the last reply
+    boost::beast::multi_buffer buffer;  // bytes read past the last reply
     boost::system::error_code result;
 
     // Runs the operation started on `socket` until it ends or the time is up.
