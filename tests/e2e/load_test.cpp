@@ -31,34 +31,34 @@ TEST(ManyClients, ReportsOfSharedNamesAllLandInOrderAndSurviveAKill) {
         uint64_t sent = 0, answered = 0;  // on a logical clock
     };
     std::atomic<uint64_t> clock{0};
-    // Connection c posts its request s to name s % kNames.
-    std::vector<std::vector<Request>> requests(kConnections, std::vector<Request>(kPerConnection));
-    std::map<std::string, Request*> byBody;
+    // Connection c posts its request s to name s % kNames; each is found by its body.
+    std::map<std::string, Request> requests;
     for (int c = 0; c < kConnections; ++c)
         for (int s = 0; s < kPerConnection; ++s)
-            byBody[NumberedBody("n" + std::to_string(s % kNames), c, s, 1024)] = &requests[c][s];
+            requests[NumberedBody("n" + std::to_string(s % kNames), c, s, 1024)];
     std::vector<std::jthread> threads;
     for (int c = 0; c < kConnections; ++c)
         threads.emplace_back([&, c] {
             RawHttpConnection connection(daemon.Port());
             for (int s = 0; s < kPerConnection; ++s) {
                 const std::string name = "n" + std::to_string(s % kNames);
-                Request& r = requests[c][s];
+                const std::string body = NumberedBody(name, c, s, 1024);
+                Request& r = requests.at(body);
                 r.sent = ++clock;
                 // A failed send shows as a missing reply.
-                connection.Send(PostRequest("/load/" + name, NumberedBody(name, c, s, 1024)));
+                connection.Send(PostRequest("/load/" + name, body));
                 r.status = connection.ReadReply(30s).value_or(HttpReply{}).status;
                 r.answered = ++clock;
                 if (r.status == 0) return;
             }
         });
     threads.clear();
-    EXPECT_EQ(0, std::ranges::count_if(byBody, [](auto& b) { return b.second->status != 200; }));
+    EXPECT_EQ(0, std::ranges::count_if(requests, [](auto& r) { return r.second.status != 200; }));
 
     const std::string dir = daemon.ReportDir() + "/";
     std::set<std::string> expectedEntries;
     for (int n = 0; n < kNames; ++n) {
-        const std::string name = "n" + std::to_string(n);
+        const std::string name = "n" + std::to_string(n), named = R"({"name":")" + name + "\"";
         SCOPED_TRACE(name);
         expectedEntries.insert({name + ".json", Slot(name, 0), Slot(name, 1), Slot(name, 2)});
         std::string link = ReadLink(dir + name + ".json");
@@ -67,20 +67,18 @@ TEST(ManyClients, ReportsOfSharedNamesAllLandInOrderAndSurviveAKill) {
         std::vector<const Request*> ring;
         for (int step = 1; step <= 3; ++step) {
             std::string file = Slot(name, (link[name.size() + 1] - '0' + step) % 3);
-            auto origin = byBody.find(ReadFile(dir + file));
-            ASSERT_TRUE(origin != byBody.end() &&
-                        origin->first.starts_with(R"({"name":")" + name + "\""))
+            auto origin = requests.find(ReadFile(dir + file));
+            ASSERT_TRUE(origin != requests.end() && origin->first.starts_with(named))
                 << file << " is not a whole report to " << name;
-            ring.push_back(origin->second);
+            ring.push_back(&origin->second);
         }
         EXPECT_EQ(std::set(ring.begin(), ring.end()).size(), 3u) << "a repeated report";
         // Any request sent after a stored one was answered follows it in the ring,
         // so at most (2 - position) of them exist; none may precede it.
         for (int position = 0; position < 3; ++position) {
             int later = 0;
-            for (const auto& perConnection : requests)
-                for (int s = n; s < kPerConnection; s += kNames)
-                    later += perConnection[s].sent > ring[position]->answered;
+            for (const auto& [body, r] : requests)
+                later += body.starts_with(named) && r.sent > ring[position]->answered;
             EXPECT_LE(later, 2 - position) << "ring position " << position;
             for (int before = 0; before < position; ++before)
                 EXPECT_FALSE(ring[position]->answered < ring[before]->sent)
