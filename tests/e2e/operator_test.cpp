@@ -77,10 +77,7 @@ TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
          "{\"path\": "},
     };
     for (const Row& row : rows) {
-        DaemonOptions options;
-        options.args = row.args;
-        options.env = row.env;
-        options.waitReady = false;
+        DaemonOptions options{.args = row.args, .env = row.env, .waitReady = false};
         if (!row.config.empty()) options.configXml = row.config;
         options.prepare = [&](const std::string& root) {
             WriteFile(root + kDescriptions + "a.json", Describe("a", "slow"));
@@ -98,8 +95,7 @@ TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
 
 TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
     TempDir metrics;
-    DaemonOptions options;
-    options.port = FreePort();
+    DaemonOptions options{.port = FreePort()};
     const std::string config = "<config><httpPort>" + std::to_string(options.port) +
                                "</httpPort><metrics><textfileDir>" + metrics.Path() +
                                "</textfileDir></metrics>";

@@ -30,8 +30,7 @@ TEST(PackagingE2E, InstalledDaemonTakesReportsAndRunsTheExamplePlugins) {
     ASSERT_NO_FATAL_FAILURE(Install(dest.Path()));
     // Plugins launch where this host lets the test make a memory cgroup.
     TestCgroup cgroup(dest.Path() + "/usr/sbin/tessard-pool");
-    DaemonOptions options;
-    options.port = FreePort();
+    DaemonOptions options{.port = FreePort()};
     // The installed sample configuration as it ships, on a port of the test's own.
     options.configXml = std::regex_replace(ReadFile(dest.Path() + kConfig), std::regex(">9996<"),
                                            ">" + std::to_string(options.port) + "<");
@@ -159,9 +158,8 @@ TEST(ExamplePlugins, EachStoresAValidReport) {
             c.name == text("plugin") && std::regex_match(text("status"), std::regex(c.status)) &&
             std::regex_match(text("timestamp"), std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)")))
             << body;
-        for (const char* key : c.keys) {
-            ASSERT_TRUE(doc.HasMember(key)) << key;
-        }
+        EXPECT_TRUE(std::ranges::all_of(c.keys, [&](auto key) { return doc.HasMember(key); }))
+            << body;
         EXPECT_TRUE(c.reportDir.empty() || c.reportDir == text("report_dir")) << body;
     }
     // disk, memory, load and reportdir

@@ -20,10 +20,8 @@ namespace TessardTest {
 namespace {
 
 TEST(Serving, NoClientHoldsUpAnotherAndSignalsStopIt) {
-    DaemonOptions options;
     // A zone far from UTC shows whether stamps are local time.
-    options.env = {"TZ=XYZ-5:45"};
-    DaemonProcess daemon(options);
+    DaemonProcess daemon({.env = {"TZ=XYZ-5:45"}});
     ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
     const uint16_t port = daemon.Port();
     const std::string dir = daemon.ReportDir() + "/";
@@ -38,9 +36,7 @@ TEST(Serving, NoClientHoldsUpAnotherAndSignalsStopIt) {
             << e.time << " " << e.level << " " << e.message;
     }
 
-    options.port = port;
-    options.waitReady = false;
-    DaemonProcess second(options);
+    DaemonProcess second({.port = port, .waitReady = false});
     EXPECT_EQ(second.WaitExit(), 1);
     EXPECT_TRUE(second.WaitForLog(" error tessard: Exiting due to exception: ", 0s) &&
                 second.Logs().find("listening") == std::string::npos)
@@ -70,11 +66,10 @@ TEST(Serving, NoClientHoldsUpAnotherAndSignalsStopIt) {
         ASSERT_TRUE(heads.emplace_back(port).Send("POST /slow/h HTTP/1.1\r\nHost:"));
     }
 
-    for (size_t sent : {size_t{0}, size_t{1000}, size_t{512 * 1024}}) {
-        RawHttpConnection aborted(port);
-        std::string request = PostRequest("/r/gone", std::string(1024 * 1024, 'g'));
-        ASSERT_TRUE(aborted.Send(request.substr(0, request.size() - 1024 * 1024 + sent)));
-    }
+    // Requests cut off after the head, early in the body and half-way through it.
+    const std::string gone = PostRequest("/r/gone", std::string(1024 * 1024, 'g'));
+    for (size_t sent : {size_t{0}, size_t{1000}, size_t{512 * 1024}})
+        ASSERT_TRUE(RawHttpConnection(port).Send(gone.substr(0, gone.size() - 1024 * 1024 + sent)));
     // Time for the daemon to notice the closes; nothing signals it to a client.
     std::this_thread::sleep_for(500ms);
     EXPECT_EQ(200, PostStatus(port, "/r/other", "{}"));

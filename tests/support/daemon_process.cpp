@@ -3,7 +3,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
-#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <sstream>
@@ -28,12 +28,9 @@ std::set<std::string> ListDir(const std::string& dir) {
 }
 
 std::pair<int, std::string> RunCommand(const std::string& command) {
-    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    std::string output;
-    char buffer[4096];
-    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
-    int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+    TempDir temp;
+    int status = std::system(("(" + command + ") >" + temp / "out" + " 2>&1").c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(temp / "out")};
 }
 
 HttpReply Exchange(uint16_t port, const std::string& bytes) {
@@ -127,10 +124,9 @@ testing::AssertionResult DaemonProcess::HasLine(const std::string& level, const 
                                                 std::chrono::milliseconds timeout) const {
     if (WaitForLog(" " + level + " " + logger + ": " + message + "\n", timeout))
         return testing::AssertionSuccess();
-    std::string logs = Logs();
     return testing::AssertionFailure()
            << "missing \"" << level << " " << logger << ": " << message << "\" in:\n"
-           << logs.substr(logs.size() - std::min<size_t>(6000, logs.size()));
+           << Logs();
 }
 
 std::optional<int> DaemonProcess::WaitExit(std::chrono::milliseconds timeout) {

@@ -20,15 +20,16 @@ namespace TessardTest {
 
 using namespace std::chrono_literals;
 
+// Every member has a default, so that designated initializers may leave any out.
 struct DaemonOptions {
-    uint16_t port = 0;        // 0: a free port
-    std::string extraConfig;  // XML placed inside <config> after the generated elements
-    std::optional<std::string> configXml;          // written verbatim instead of the generated file
-    std::optional<std::vector<std::string>> args;  // default: -r <report dir>
-    std::vector<std::string> env;                  // extra NAME=value entries
-    bool waitReady = true;                         // wait for the listening line
+    uint16_t port = 0;          // 0: a free port
+    std::string extraConfig{};  // XML placed inside <config> after the generated elements
+    std::optional<std::string> configXml{};  // written verbatim instead of the generated file
+    std::optional<std::vector<std::string>> args{};  // default: -r <report dir>
+    std::vector<std::string> env{};                  // extra NAME=value entries
+    bool waitReady = true;                           // wait for the listening line
     // Runs once with the TESSARD_ROOT path after the tree is made, before the first start.
-    std::function<void(const std::string& root)> prepare;
+    std::function<void(const std::string& root)> prepare{};
 };
 
 // A line in the daemon's form "<time> <level> <logger>: <message>".
