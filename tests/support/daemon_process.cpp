@@ -36,7 +36,7 @@ std::pair<int, std::string> RunCommand(const std::string& command) {
 HttpReply Exchange(uint16_t port, const std::string& bytes) {
     RawHttpConnection connection(port);
     connection.Send(bytes);
-    return connection.ReadReply().value_or(HttpReply{});
+    return connection.ReadReply(5s).value_or(HttpReply{});
 }
 
 int PostStatus(uint16_t port, const std::string& target, const std::string& body) {

@@ -43,7 +43,8 @@ bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds tim
 std::set<std::string> ListDir(const std::string& dir);
 // Runs a shell command: its exit code and everything it printed (both streams).
 std::pair<int, std::string> RunCommand(const std::string& command);
-// Sends raw bytes on a fresh connection and reads one reply; status 0 when none arrives.
+// Sends raw bytes on a fresh connection and reads one reply; status 0 when none arrives within
+// 5 s, which no stalled client of the daemon should cause.
 HttpReply Exchange(uint16_t port, const std::string& bytes);
 int PostStatus(uint16_t port, const std::string& target, const std::string& body);
 
