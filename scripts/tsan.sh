@@ -8,4 +8,4 @@ BUILD_DIR=build-tsan BUILD_TYPE=RelWithDebInfo CXX=clang++ scripts/build.sh -DTE
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
 cd build-tsan
 ctest --output-on-failure -j2 --timeout 600 -L unit
-ctest --output-on-failure --timeout 600 -R 'ManyClients|SlowClients|HupReloads'
+ctest --output-on-failure --timeout 600 -R 'ManyClients|Serving|HupReloads'

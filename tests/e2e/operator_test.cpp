@@ -1,20 +1,14 @@
-// What operators use on the running daemon: reload on SIGHUP, the status file, the metrics
-// textfile and `tessard status`; and --check-config on good and broken trees.
+// What operators use: the command line, --check-config on good and broken trees, and on the
+// running daemon reload on SIGHUP, the status file, the metrics textfile and `tessard status`.
 #include <rapidjson/document.h>
 
-#include <array>
-#include <cstdio>
-#include <filesystem>
 #include <map>
-#include <regex>
 #include <thread>
 
 #include "tests/support/daemon_process.h"
 
 namespace TessardTest {
 namespace {
-
-using namespace std::chrono_literals;
 
 constexpr const char* kDescriptions = "/usr/lib/tolmar/tessard/plugins/config/";
 constexpr const char* kStatusFile = "/run/tessard/status.json";
@@ -23,70 +17,85 @@ std::string Describe(const std::string& name, const std::string& frequency) {
     return R"({"path": ")" + name + R"(.sh", "frequency": ")" + frequency + R"("})";
 }
 
-// Plugin name -> category, from the status file; empty while it is missing or unparsable.
-std::map<std::string, std::string> Scheduled(const std::string& statusPath) {
-    std::map<std::string, std::string> plugins;
-    rapidjson::Document status;
-    status.Parse(ReadFile(statusPath).c_str());
-    if (status.HasParseError() || !status.IsObject()) return plugins;
-    for (const auto& p : status["plugins"].GetArray())
-        plugins[p["name"].GetString()] = p["category"].GetString();
-    return plugins;
+// Whether the status file comes to show exactly these plugins (name -> category).
+bool Schedules(const std::string& statusPath, const std::map<std::string, std::string>& plan) {
+    return Eventually([&] {
+        std::map<std::string, std::string> plugins;
+        rapidjson::Document status;
+        if (!status.Parse(ReadFile(statusPath).c_str()).IsObject()) return false;
+        for (const auto& p : status["plugins"].GetArray())
+            plugins[p["name"].GetString()] = p["category"].GetString();
+        return plugins == plan;
+    });
 }
 
-TEST(OperatorE2E, CheckConfigShowsEveryProblemWithItsLineAndTheSchedule) {
+// Runs that only print and exit: each row's first text starts the output, the others are in it.
+TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
+    const std::string usage =
+        "Usage: tessard [-r REPORT_DIR] | --help | --version | --check-config | status [--json]\n";
+    const std::string check = "--check-config", bin = TESSARD_BINARY;
     struct Row {
-        const char* name;
-        std::string config;
-        std::string description;  // of "broken.json", none when empty
+        std::vector<std::string> args;
         int exitCode;
-        std::vector<std::string> lines;
+        std::vector<std::string> output;
+        std::vector<std::string> env = {};
+        // The configuration when not the generated one; "broken.json" when not empty.
+        std::string config = "", description = "";
     } rows[] = {
-        {"clean",
-         "<config>\n<httpPort>9996</httpPort>\n<pluginOverrides><b><frequency>Fast</frequency>"
-         "</b></pluginOverrides>\n</config>\n",
-         "",
-         0,
-         {"  a                       slow      300s      60s        40 MiB\n",
-          "  b                       fast      300s      30s        40 MiB\n", "No problems.\n"}},
-        {"broken",
-         "<config>\n<httpPort>99x</httpPort>\n<pluginOverides><a><enabled>no</enabled></a>"
-         "</pluginOverides>\n<pluginOverrides><rpSizeMb>900</rpSizeMb>\n<a><enabled>maybe</enabled>"
-         "</a><dsk><loglevel>info</loglevel></dsk></pluginOverrides>\n</config>\n",
-         "{\"path\": ",
+        {{"-x"}, 1, {bin + ": invalid option -- 'x'\n" + usage}},
+        {{"--bogus"}, 1, {bin + ": unrecognized option '--bogus'\n" + usage}},
+        {{"--version"}, 0, {"tessard 1.0.0 (build 1)\n"}},
+        {{"--help"}, 0, {usage + "\ntessard: host health daemon."}},
+        {{"status", "--yaml"}, 1, {"Usage: tessard status [--json]\n"}},
+        {{}, 1, {"Initializing Pelinor failed: TESSARD_TIME_SCALE"}, {"TESSARD_TIME_SCALE=0"}},
+        {{}, 1, {"Initializing Pelinor failed: "}, {}, "<config><httpPort>1</config"},
+        {{check},
          1,
-         {"config.xml:2: httpPort: '99x' is not an integer: the default 9996 is used\n",
+         {"Configuration: Malformed configuration "},
+         {},
+         "<config><httpPort>1</config"},
+        {{check},
+         0,
+         {"Configuration ", "  a                       slow      300s      60s        40 MiB\n",
+          "  b                       fast      300s      30s        40 MiB\n", "No problems.\n"},
+         {},
+         "<config>\n<httpPort>9996</httpPort>\n<pluginOverrides><b><frequency>Fast</frequency>"
+         "</b></pluginOverrides>\n</config>\n"},
+        {{check},
+         1,
+         {"Configuration ",
+          "config.xml:2: httpPort: '99x' is not an integer: the default 9996 is used\n",
           "config.xml:3: pluginOverides/a/enabled: unknown key, ignored\n",
           "config.xml:4: pluginOverrides/rpSizeMb: '900' is outside 41 to 500: ignored\n",
           "config.xml:5: pluginOverrides/a/enabled: 'maybe' is not a boolean: ignored\n",
           "config.xml:5: pluginOverrides/dsk/loglevel: no plugin description names dsk\n",
-          "broken.json\n", "  a                       slow", "Problems found.\n"}},
-        {"malformed", "<config><httpPort>1</config", "", 1, {"Malformed configuration "}},
+          "broken.json\n", "  a                       slow", "Problems found.\n"},
+         {},
+         "<config>\n<httpPort>99x</httpPort>\n<pluginOverides><a><enabled>no</enabled></a>"
+         "</pluginOverides>\n<pluginOverrides><rpSizeMb>900</rpSizeMb>\n<a><enabled>maybe</enabled>"
+         "</a><dsk><loglevel>info</loglevel></dsk></pluginOverrides>\n</config>\n",
+         "{\"path\": "},
     };
     for (const Row& row : rows) {
-        DaemonOptions options;
-        options.args = {"--check-config"};
-        options.waitReady = false;
-        options.configXml = row.config;
+        DaemonOptions options{.args = row.args, .env = row.env, .waitReady = false};
+        if (!row.config.empty()) options.configXml = row.config;
         options.prepare = [&](const std::string& root) {
             WriteFile(root + kDescriptions + "a.json", Describe("a", "slow"));
             WriteFile(root + kDescriptions + "b.json", Describe("b", "slow"));
             if (!row.description.empty())
                 WriteFile(root + kDescriptions + "broken.json", row.description);
         };
-        DaemonProcess check(options);
-        EXPECT_EQ(check.WaitExit(20s), row.exitCode) << row.name << "\n" << check.Logs();
-        for (const std::string& line : row.lines)
-            EXPECT_NE(check.Logs().find(line), std::string::npos)
-                << row.name << ": " << line << "\n"
-                << check.Logs();
+        DaemonProcess run(options);
+        EXPECT_EQ(run.WaitExit(), row.exitCode) << row.output[0] << "\n" << run.Logs();
+        EXPECT_EQ(run.Logs().find(row.output[0]), 0u) << run.Logs();
+        for (const std::string& text : row.output)
+            EXPECT_NE(run.Logs().find(text), std::string::npos) << text << "\n" << run.Logs();
     }
 }
 
 TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
     TempDir metrics;
-    DaemonOptions options;
-    options.port = FreePort();
+    DaemonOptions options{.port = FreePort()};
     const std::string config = "<config><httpPort>" + std::to_string(options.port) +
                                "</httpPort><metrics><textfileDir>" + metrics.Path() +
                                "</textfileDir></metrics>";
@@ -99,14 +108,11 @@ TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
     };
     DaemonProcess daemon(options);
     ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
-    EXPECT_TRUE(daemon.HasLine("warning", kMainLogger,
+    EXPECT_TRUE(daemon.HasLine("warning", "tessard",
                                "Unknown configuration key pluginOverrides/colour (" +
                                    daemon.ConfigPath() + ":1) is ignored"));
     const std::string statusPath = daemon.Root() + kStatusFile;
-    using Plan = std::map<std::string, std::string>;
-    ASSERT_TRUE(Eventually([&] {
-        return Scheduled(statusPath) == Plan{{"a", "fast"}, {"b", "slow"}};
-    })) << ReadFile(statusPath);
+    ASSERT_TRUE(Schedules(statusPath, {{"a", "fast"}, {"b", "slow"}})) << ReadFile(statusPath);
 
     // A changed description and a new override take effect.
     WriteFile(daemon.Root() + kDescriptions + "b.json", Describe("b", "fast"));
@@ -114,11 +120,8 @@ TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
         daemon.ConfigPath(),
         config + "<pluginOverrides><a><enabled>false</enabled></a></pluginOverrides></config>");
     daemon.Signal(SIGHUP);
-    EXPECT_TRUE(Eventually([&] {
-        return Scheduled(statusPath) == Plan{{"b", "fast"}};
-    })) << ReadFile(statusPath)
-        << daemon.Logs();
-    EXPECT_TRUE(daemon.HasLine("info", kMainLogger, "Reloaded " + daemon.ConfigPath()));
+    EXPECT_TRUE(Schedules(statusPath, {{"b", "fast"}})) << ReadFile(statusPath) << daemon.Logs();
+    EXPECT_TRUE(daemon.HasLine("info", "tessard", "Reloaded " + daemon.ConfigPath()));
 
     // A configuration that does not load changes nothing.
     WriteFile(daemon.ConfigPath(), "<config><httpPort>");
@@ -127,9 +130,8 @@ TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
     WriteFile(daemon.ConfigPath(), config + "</config>");
 
     // Reloads under report load lose no report; the ignored signals change nothing.
-    constexpr int kReports = 100;
     std::thread poster([&] {
-        for (int i = 0; i < kReports; ++i)
+        for (int i = 0; i < 100; ++i)
             EXPECT_EQ(PostStatus(daemon.Port(), "/load", "{\"i\":" + std::to_string(i) + "}"), 200);
     });
     for (int signal : {SIGUSR1, SIGUSR2, SIGPIPE}) daemon.Signal(signal);
@@ -137,30 +139,24 @@ TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
     poster.join();
     EXPECT_TRUE(daemon.Running());
     EXPECT_EQ(ReadFile(daemon.ReportDir() + "/load.json"), "{\"i\":99}");
-    EXPECT_TRUE(Eventually([&] {
-        return Scheduled(statusPath) == Plan{{"a", "fast"}, {"b", "fast"}};
-    }));
+    EXPECT_TRUE(Schedules(statusPath, {{"a", "fast"}, {"b", "fast"}})) << ReadFile(statusPath);
 
     // The status file, the textfile and the status command all show the reports.
     const std::string total = "tessard_reports_total{name=\"load\",code=\"200\"} 100\n";
     const std::string textfile = metrics / "tessard.prom";
     ASSERT_TRUE(Eventually([&] { return ReadFile(textfile).find(total) != std::string::npos; }))
         << ReadFile(textfile);
-    if (RunCommand("command -v promtool").first == 0) {
-        auto [code, output] = RunCommand("promtool check metrics < " + textfile);
-        EXPECT_EQ(code, 0) << output;
-    }
-    const std::regex sample(R"([a-z_]+(\{([a-z]+="([^"\\]|\\.)*",?)+\})? -?[0-9.e+]+)");
-    std::istringstream lines(ReadFile(textfile));
-    for (std::string line; std::getline(lines, line);)
-        EXPECT_TRUE(line.starts_with("# ") || std::regex_match(line, sample)) << line;
+    // Where promtool is installed.
+    EXPECT_EQ(
+        RunCommand("! command -v promtool >/dev/null || promtool check metrics < " + textfile),
+        std::pair(0, std::string()));
 
     const std::string statusCommand =
-        "TESSARD_ROOT=" + daemon.Root() + " " + daemon.Binary() + " status";
+        "TESSARD_ROOT=" + daemon.Root() + " " + TESSARD_BINARY " status";
     auto [code, table] = RunCommand(statusCommand);
-    EXPECT_EQ(code, 0) << table;
-    EXPECT_NE(table.find("\nload "), std::string::npos) << table;
-    EXPECT_NE(table.find("\nb "), std::string::npos) << table;
+    EXPECT_TRUE(code == 0 && table.find("\nload ") != table.npos &&
+                table.find("\nb ") != table.npos)
+        << table;
     EXPECT_EQ(daemon.Terminate(), 0);
     EXPECT_NE(RunCommand(statusCommand).second.find("\nSTOPPED at "), std::string::npos);
 }

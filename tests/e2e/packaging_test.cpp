@@ -1,31 +1,22 @@
 // The daemon as installed: what `cmake --install` lays out, the installed binary started from
-// there, and what systemd gets from it.
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
+// there, and what systemd makes of the unit; the Debian package; its example plugins.
+#include <rapidjson/document.h>
 
-#include <array>
-#include <cstdio>
-#include <cstring>
+#include <algorithm>
+#include <boost/asio.hpp>
 #include <filesystem>
-#include <thread>
+#include <regex>
 
 #include "tests/support/daemon_process.h"
 #include "tests/support/test_cgroup.h"
 
+namespace TessardTest {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace std::chrono_literals;
-using TessardTest::DaemonOptions;
-using TessardTest::DaemonProcess;
-using TessardTest::ReadFile;
-using TessardTest::RunCommand;
-using TessardTest::TempDir;
 
 constexpr const char* kConfig = "/etc/tolmar/cpservices/tessard/config.xml";
 constexpr const char* kPlugins = "/usr/lib/tolmar/tessard/plugins";
-constexpr const char* kUnit = "/usr/lib/systemd/system/tessard.service";
 
 // Installs the build into `destdir` as the Debian package lays it out (prefix /usr).
 void Install(const std::string& destdir) {
@@ -37,19 +28,12 @@ void Install(const std::string& destdir) {
 TEST(PackagingE2E, InstalledDaemonTakesReportsAndRunsTheExamplePlugins) {
     TempDir dest;
     ASSERT_NO_FATAL_FAILURE(Install(dest.Path()));
-    // The installed sample configuration as it ships, on a port of the test's own.
-    std::string sample = ReadFile(dest.Path() + kConfig);
-    const std::string shippedPort = "<httpPort>9996</httpPort>";
-    ASSERT_NE(sample.find(shippedPort), std::string::npos) << sample;
-    uint16_t port = TessardTest::FreePort();
-    sample.replace(sample.find(shippedPort), shippedPort.size(),
-                   "<httpPort>" + std::to_string(port) + "</httpPort>");
-
     // Plugins launch where this host lets the test make a memory cgroup.
-    TessardTest::TestCgroup cgroup(dest.Path() + "/usr/sbin/tessard-pool");
-    DaemonOptions options;
-    options.port = port;
-    options.configXml = sample;
+    TestCgroup cgroup(dest.Path() + "/usr/sbin/tessard-pool");
+    DaemonOptions options{.port = FreePort()};
+    // The installed sample configuration as it ships, on a port of the test's own.
+    options.configXml = std::regex_replace(ReadFile(dest.Path() + kConfig), std::regex(">9996<"),
+                                           ">" + std::to_string(options.port) + "<");
     // Without a group of the test's own, no pool at all: never the host's.
     std::string cgroupRoot = cgroup.SkipReason().empty() ? cgroup.Root() : dest / "no-cgroup";
     options.env = {"TESSARD_TIME_SCALE=30", "TESSARD_CGROUP_ROOT=" + cgroupRoot};
@@ -62,13 +46,13 @@ TEST(PackagingE2E, InstalledDaemonTakesReportsAndRunsTheExamplePlugins) {
     DaemonProcess daemon(options, dest.Path() + "/usr/sbin/tessard");
     ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
     EXPECT_EQ(daemon.Logs().find("Configuration"), std::string::npos) << daemon.Logs();
-    EXPECT_EQ(TessardTest::PostStatus(port, "/installed", R"({"ok":true})"), 200);
+    EXPECT_EQ(PostStatus(daemon.Port(), "/installed", R"({"ok":true})"), 200);
     EXPECT_EQ(ReadFile(daemon.ReportDir() + "/installed-0.json"), R"({"ok":true})");
     if (cgroup.SkipReason().empty()) {
         // The first fast batch fires a second after start-up.
-        for (int i = 0; i < 150 && !fs::exists(daemon.ReportDir() + "/memory.json"); ++i)
-            std::this_thread::sleep_for(100ms);
-        ASSERT_TRUE(fs::exists(daemon.ReportDir() + "/memory.json")) << daemon.Logs();
+        ASSERT_TRUE(
+            Eventually([&] { return fs::exists(daemon.ReportDir() + "/memory.json"); }, 15s))
+            << daemon.Logs();
         EXPECT_NE(ReadFile(daemon.ReportDir() + "/memory.json").find(R"("plugin")"),
                   std::string::npos);
     } else {
@@ -76,105 +60,120 @@ TEST(PackagingE2E, InstalledDaemonTakesReportsAndRunsTheExamplePlugins) {
     }
     EXPECT_EQ(daemon.Terminate(), 0);
 
+    if (RunCommand("command -v systemd-analyze").first == 0) {
+        // The reload command is the host's; this test's tree has only tessard's files.
+        fs::create_directories(dest / "bin");
+        fs::copy_file(fs::canonical("/bin/kill"), dest / "bin/kill");
+        // Not the units it would start after: this test's tree has only tessard's.
+        EXPECT_EQ(RunCommand("systemd-analyze verify --man=no --recursive-errors=no --root=" +
+                             dest.Path() + " /usr/lib/systemd/system/tessard.service"),
+                  std::make_pair(0, std::string()));
+    }
+
     // An operator's configuration survives a reinstall.
-    TessardTest::WriteFile(dest.Path() + kConfig, "<config/>\n");
+    WriteFile(dest.Path() + kConfig, "<config/>\n");
     ASSERT_NO_FATAL_FAILURE(Install(dest.Path()));
     EXPECT_EQ(ReadFile(dest.Path() + kConfig), "<config/>\n");
-}
-
-TEST(PackagingE2E, SystemdUnitVerifies) {
-    if (RunCommand("command -v systemd-analyze").first != 0)
-        GTEST_SKIP() << "no systemd-analyze here";
-    TempDir dest;
-    ASSERT_NO_FATAL_FAILURE(Install(dest.Path()));
-    std::string unit = ReadFile(dest.Path() + kUnit);
-    EXPECT_NE(unit.find("ExecStart=/usr/sbin/tessard -r /run/tessard/reports\n"),
-              std::string::npos);
-    EXPECT_NE(unit.find("ExecReload=/bin/kill -HUP $MAINPID\n"), std::string::npos);
-    // The reload command is the host's; this test's tree has only tessard's files.
-    fs::create_directories(dest / "bin");
-    fs::copy_file(fs::canonical("/bin/kill"), dest / "bin/kill");
-    // Not the units it would start after: this test's tree has only tessard's.
-    auto [code, output] =
-        RunCommand("systemd-analyze verify --man=no --recursive-errors=no --root=" + dest.Path() +
-                   " " + kUnit);
-    EXPECT_EQ(code, 0) << output;
-    EXPECT_EQ(output, "") << "warnings about the unit";
 }
 
 // Built as scripts/package.sh builds it (debhelper, in a copy of the sources); lintian finds
 // no error and no warning in it.
 TEST(PackagingE2E, DebianPackageHoldsTheInstallationAndIsLintianClean) {
-    for (const char* tool : {"dpkg-buildpackage", "dh", "lintian"})
-        if (RunCommand(std::string("command -v ") + tool).first != 0)
-            GTEST_SKIP() << "no " << tool << " here";
+    if (RunCommand("which dpkg-buildpackage dh lintian").first != 0)
+        GTEST_SKIP() << "dpkg-buildpackage, dh or lintian missing";
     TempDir out;
     auto [code, output] =
         RunCommand("OUT_DIR=" + out.Path() + " " + TESSARD_SOURCE_DIR + "/scripts/package.sh");
     ASSERT_EQ(code, 0) << output;
     std::string deb = out / "tessard_1.0.0_amd64.deb";
-    ASSERT_TRUE(fs::exists(deb)) << output;
 
     std::string contents = RunCommand("dpkg-deb --contents " + deb).second;
-    for (const std::string& file :
-         {std::string("./usr/sbin/tessard"), std::string("./usr/sbin/tessard-pool"),
-          std::string(".") + kConfig, std::string("./lib/systemd/system/tessard.service"),
-          std::string(".") + kPlugins + "/bin/memory.sh",
-          std::string("./usr/share/man/man8/tessard.8.gz"),
-          std::string("./usr/share/man/man8/tessard-pool.8.gz"),
-          std::string("./usr/share/doc/tessard/examples/tessard-alerts.yml")}) {
-        EXPECT_NE(contents.find(" " + file + "\n"), std::string::npos) << file << "\n" << contents;
-    }
+    for (const std::string file :
+         {"/usr/sbin/tessard", "/usr/sbin/tessard-pool", kConfig,
+          "/lib/systemd/system/tessard.service", "/usr/lib/tolmar/tessard/plugins/bin/memory.sh",
+          "/usr/share/man/man8/tessard.8.gz", "/usr/share/man/man8/tessard-pool.8.gz",
+          "/usr/share/doc/tessard/examples/tessard-alerts.yml"})
+        EXPECT_NE(contents.find(" ." + file + "\n"), std::string::npos) << file << "\n" << contents;
     EXPECT_EQ(RunCommand("dpkg-deb --info " + deb + " conffiles").second,
               std::string(kConfig) + "\n");
-    std::string depends = RunCommand("dpkg-deb --field " + deb + " Depends").second;
-    EXPECT_NE(depends.find("curl"), std::string::npos) << depends;
+    EXPECT_NE(RunCommand("dpkg-deb --field " + deb + " Depends").second.find("curl"),
+              std::string::npos);
     // Errors and warnings, and hardening shortfalls (info tags); overrides carry reasons.
-    auto [lintianCode, tags] = RunCommand("(lintian --info " + deb + " 2>/dev/null)");
-    EXPECT_EQ(lintianCode, 0) << tags;
-    EXPECT_EQ(tags, "") << tags;
+    EXPECT_EQ(RunCommand("(lintian --info " + deb + " 2>/dev/null)"),
+              std::make_pair(0, std::string()));
 
-    if (RunCommand("command -v promtool").first == 0) {
-        auto [rulesCode, rules] =
-            RunCommand("promtool check rules " + std::string(TESSARD_SOURCE_DIR) +
-                       "/packaging/tessard-alerts.yml");
-        EXPECT_EQ(rulesCode, 0) << rules;
-    }
+    // Where promtool is installed.
+    auto [rulesCode, rules] =
+        RunCommand("! command -v promtool >/dev/null || promtool check rules " +
+                   std::string(TESSARD_SOURCE_DIR) + "/packaging/tessard-alerts.yml");
+    EXPECT_EQ(rulesCode, 0) << rules;
 }
 
-// The sd_notify(3) datagrams, on a socket the test listens on, and the journal's line form.
-TEST(PackagingE2E, TellsSystemdWhenReadyAndStopping) {
-    TempDir dir;
-    std::string path = dir / "notify";
-    int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ASSERT_GE(socket, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    ASSERT_LT(path.size(), sizeof address.sun_path);
-    std::memcpy(address.sun_path, path.c_str(), path.size());
-    ASSERT_EQ(::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    timeval timeout{10, 0};
-    ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    auto receive = [&] {
-        std::array<char, 256> buffer{};
-        ssize_t n = ::recv(socket, buffer.data(), buffer.size(), 0);
-        return n > 0 ? std::string(buffer.data(), n) : std::string();
-    };
+// The example plugins of the package, run as the daemon runs them, against a real daemon.
+// Runs a plugin with the daemon's arguments and an empty environment: exit code and output.
+std::pair<int, std::string> RunPlugin(const std::string& name, uint16_t port,
+                                      const std::string& options = "") {
+    return RunCommand("env -i " TESSARD_EXAMPLE_PLUGINS "/bin/" + name +
+                      ".sh ++group=tessard-plugins,mem=40 -u http://localhost:" +
+                      std::to_string(port) + " " + options);
+}
 
-    DaemonOptions options;
-    options.env = {"NOTIFY_SOCKET=" + path, "JOURNAL_STREAM=8:1234"};
-    DaemonProcess daemon(options);
-    EXPECT_EQ(receive(), "READY=1");
-    // Ready means serving, with the launcher's start-up behind it.
-    EXPECT_TRUE(daemon.WaitForLog("<5>PluginLauncher: About to schedule slow plugins\n", 0s));
-    EXPECT_EQ(TessardTest::PostStatus(daemon.Port(), "/ready", "{}"), 200);
-    EXPECT_TRUE(daemon.WaitForLog("<5>tessardEndpoint: HTTP endpoint listening on port: " +
-                                      std::to_string(daemon.Port()) + "\n",
-                                  1s))
-        << daemon.Logs();
-    EXPECT_EQ(daemon.Terminate(), 0);
-    EXPECT_EQ(receive(), "STOPPING=1");
-    ::close(socket);
+TEST(ExamplePlugins, EachStoresAValidReport) {
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
+    const std::string dir = daemon.ReportDir() + "/", odd = "/nowhere/a\"b\\c\nd\te";
+    struct Case {
+        // The status is a pattern: the host's state decides the healthy reports.
+        std::string name, option, status;
+        std::vector<const char*> keys;
+        std::string reportDir = "";  // as the report names it, when not empty
+    };
+    const std::string healthy = "ok|warning|critical";
+    const Case cases[] = {
+        {"disk", "", healthy, {"mounts", "thresholds"}},
+        {"memory", "", healthy, {"total_kib", "used_percent", "swap_used_percent"}},
+        {"load", "", healthy, {"load1", "cpus", "pressure"}},
+        // Its parent is this test, not the daemon, so only the option names the directory.
+        {"reportdir", "", "unknown", {"reason"}},
+        {"reportdir", "'--report-dir=" + odd + "'", "critical", {"problems"}, odd},
+        {"reportdir",
+         "--report-dir=" + daemon.ReportDir(),
+         healthy,
+         {"newest_report_age_s", "writable", "report_names", "dangling_links"},
+         daemon.ReportDir()},
+    };
+    rapidjson::Document doc;
+    auto text = [&](const char* key) -> std::string {
+        return doc.HasMember(key) && doc[key].IsString() ? doc[key].GetString() : "";
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name + " " + c.option);
+        auto [code, log] = RunPlugin(c.name, daemon.Port(), "--loglevel=debug " + c.option);
+        ASSERT_EQ(0, code) << log;
+        std::string body = ReadFile(dir + c.name + ".json");
+        // Stored exactly as logged at debug level.
+        EXPECT_NE(log.find(c.name + ": debug: report: " + body + "\n"), std::string::npos) << log;
+        ASSERT_TRUE(!doc.Parse(body.c_str()).HasParseError() && doc.IsObject()) << body;
+        EXPECT_TRUE(
+            c.name == text("plugin") && std::regex_match(text("status"), std::regex(c.status)) &&
+            std::regex_match(text("timestamp"), std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)")))
+            << body;
+        EXPECT_TRUE(std::ranges::all_of(c.keys, [&](auto key) { return doc.HasMember(key); }))
+            << body;
+        EXPECT_TRUE(c.reportDir.empty() || c.reportDir == text("report_dir")) << body;
+    }
+    // disk, memory, load and reportdir
+    EXPECT_TRUE(doc["writable"].IsTrue() && doc["report_names"].GetInt() == 4 &&
+                doc["dangling_links"].GetInt() == 0);
+
+    // A bound socket that does not listen refuses the POST: one line says so.
+    boost::asio::io_context io;
+    boost::asio::ip::tcp::socket refuser(io, {boost::asio::ip::address_v4::loopback(), 0});
+    auto [code, log] = RunPlugin("memory", refuser.local_endpoint().port());
+    EXPECT_NE(0, code);
+    EXPECT_EQ(1, std::ranges::count(log, '\n')) << log;
+    EXPECT_EQ(0, daemon.Terminate());
 }
 
 }  // namespace
+}  // namespace TessardTest

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -19,14 +20,12 @@ class RawHttpConnection {
   public:
     // Connects to 127.0.0.1:port; throws std::runtime_error on failure.
     explicit RawHttpConnection(uint16_t port);
-    ~RawHttpConnection() { Close(); }
-    RawHttpConnection(const RawHttpConnection&) = delete;
-    RawHttpConnection& operator=(const RawHttpConnection&) = delete;
+    ~RawHttpConnection();
 
     // Sends every byte; false if the peer has closed or reset the connection.
     bool Send(const std::string& bytes);
-    // Reads one response, skipping its Content-Length body. Empty when the connection
-    // closes or nothing complete arrives within `timeout`.
+    // Reads one response and its body. Empty when the connection closes or nothing
+    // complete arrives within `timeout`.
     std::optional<HttpReply> ReadReply(
         std::chrono::milliseconds timeout = std::chrono::seconds(10));
     // True when the peer closes (EOF or reset) within `timeout`; data read meanwhile is dropped.
@@ -34,21 +33,15 @@ class RawHttpConnection {
     void Close();
 
   private:
-    // Appends what arrives by `deadline`: the byte count, 0 on close, -1 on time-out.
-    int Receive(std::chrono::steady_clock::time_point deadline);
-
-    int fd = -1;
-    std::string pending;  // bytes read past the last reply
+    struct Stream;
+    std::unique_ptr<Stream> stream;
 };
 
-// A POST with Content-Length and the given content type.
-std::string PostRequest(const std::string& target, const std::string& body,
-                        const std::string& contentType = "application/json");
-
-// One request on a fresh connection; the reply or an empty optional.
-std::optional<HttpReply> PostOnce(uint16_t port, const std::string& target, const std::string& body,
-                                  const std::string& contentType = "application/json");
-
+// A POST of a JSON body.
+std::string PostRequest(const std::string& target, const std::string& body);
+// One POST on a fresh connection; the reply or an empty optional.
+std::optional<HttpReply> PostOnce(uint16_t port, const std::string& target,
+                                  const std::string& body);
 // A port that was free a moment ago on 127.0.0.1.
 uint16_t FreePort();
 

@@ -1,0 +1,268 @@
+// The daemon serving clients. One run through everything a client can do to it: planted
+// temporary names, a port already taken, refused, broken, aborted and stalled requests; then the
+// stop signals, and a start under a service manager. And many concurrent clients, then a kill
+// while reports are being written.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <boost/asio.hpp>
+#include <ctime>
+#include <deque>
+#include <filesystem>
+#include <map>
+#include <regex>
+#include <thread>
+
+#include "tests/support/daemon_process.h"
+
+namespace TessardTest {
+namespace {
+
+TEST(Serving, NoClientHoldsUpAnotherAndSignalsStopIt) {
+    // A zone far from UTC shows whether stamps are local time.
+    DaemonProcess daemon({.env = {"TZ=XYZ-5:45"}});
+    ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
+    const uint16_t port = daemon.Port();
+    const std::string dir = daemon.ReportDir() + "/";
+    auto entries = daemon.LogEntries();
+    ASSERT_FALSE(entries.empty()) << daemon.Logs();
+    for (const auto& e : entries) {
+        std::tm stamp{};
+        strptime(e.time.c_str(), "%Y-%m-%dT%H:%M:%S", &stamp);
+        // Start-up is clean, and its stamps are UTC.
+        EXPECT_TRUE(e.level != "error" && e.level != "warning" &&
+                    std::labs(timegm(&stamp) - std::time(nullptr)) < 600)
+            << e.time << " " << e.level << " " << e.message;
+    }
+
+    DaemonProcess second({.port = port, .waitReady = false});
+    EXPECT_EQ(second.WaitExit(), 1);
+    EXPECT_TRUE(second.WaitForLog(" error tessard: Exiting due to exception: ", 0s) &&
+                second.Logs().find("listening") == std::string::npos)
+        << second.Logs();
+
+    // What is found at a temporary name is replaced, never written through.
+    TempDir outside;
+    WriteFile(outside / "victim", "precious");
+    std::filesystem::create_symlink(outside / "victim", dir + ".col-0.json");
+    std::filesystem::create_hard_link(outside / "victim", dir + ".col-1.json");
+    ASSERT_EQ(0, ::mkfifo((dir + ".col-2.json").c_str(), 0644));
+    for (const std::string body : {"{\"n\":0}", "{\"n\":1}", "{\"n\":2}"}) {
+        EXPECT_EQ(200, PostStatus(port, "/col", body));
+        EXPECT_EQ(body, ReadFile(dir + "col-" + body[5] + ".json"));
+    }
+    EXPECT_EQ("precious", ReadFile(outside / "victim"));
+    EXPECT_EQ((std::set<std::string>{"col-0.json", "col-1.json", "col-2.json", "col.json"}),
+              ListDir(daemon.ReportDir()));
+
+    // Bodies that stop after a byte, each to a name of its own, and heads that never end
+    // stay open throughout: everything below also shows they hold up nobody.
+    std::deque<RawHttpConnection> stalled, heads;
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 64; ++i) {
+        std::string request = PostRequest("/slow/s" + std::to_string(i), std::string(100, '{'));
+        ASSERT_TRUE(stalled.emplace_back(port).Send(request.substr(0, request.size() - 99)));
+        ASSERT_TRUE(heads.emplace_back(port).Send("POST /slow/h HTTP/1.1\r\nHost:"));
+    }
+
+    // Requests cut off after the head, early in the body and half-way through it.
+    const std::string gone = PostRequest("/r/gone", std::string(1024 * 1024, 'g'));
+    for (size_t sent : {size_t{0}, size_t{1000}, size_t{512 * 1024}})
+        ASSERT_TRUE(RawHttpConnection(port).Send(gone.substr(0, gone.size() - 1024 * 1024 + sent)));
+    // Time for the daemon to notice the closes; nothing signals it to a client.
+    std::this_thread::sleep_for(500ms);
+    EXPECT_EQ(200, PostStatus(port, "/r/other", "{}"));
+    for (const auto& name : ListDir(daemon.ReportDir()))
+        EXPECT_FALSE(name.starts_with("gone") || name.starts_with("s")) << name;
+    // The name is not stuck.
+    ASSERT_EQ(200, PostStatus(port, "/r/gone", R"({"g":1})"));
+    EXPECT_EQ(R"({"g":1})", ReadFile(dir + "gone.json"));
+
+    for (const std::string method : {"GET", "DELETE", "PUT"}) {
+        auto reply =
+            Exchange(port, method + " /r/m HTTP/1.1\r\nHost: l\r\nContent-Length: 2\r\n\r\n{}");
+        EXPECT_EQ(std::tie(reply.status, reply.headers["allow"], reply.headers["cache-control"]),
+                  std::make_tuple(405, "POST", "no-store"))
+            << method;
+    }
+    // No declared length, with or without a chunked body, is refused before any body is read;
+    // with Expect only the head is sent, so the reply shows whether the body was asked for.
+    const std::string type = "POST /r/n HTTP/1.1\r\nHost: l\r\nContent-Type: application/json\r\n";
+    const std::string expect =
+        "POST /r/expect" + type.substr(9) + "Expect: 100-continue\r\nContent-Length: ";
+    const std::pair<std::string, int> rows[] = {
+        {type + "X-Pad: " + std::string(17 * 1024, 'p') + "\r\nContent-Length: 0\r\n\r\n", 431},
+        {type + "X-Pad: " + std::string(15 * 1024, 'p') + "\r\nContent-Length: 2\r\n\r\n{}", 200},
+        {type + "Content-Length: x\r\n\r\n", 400},
+        {type + "\r\n", 411},
+        {type + "Transfer-Encoding: chunked\r\n\r\n0\r\n\r\n", 411},
+        {expect + "1048577\r\n\r\n", 413},
+    };
+    for (const auto& [request, status] : rows)
+        EXPECT_EQ(status, Exchange(port, request).status) << request.substr(0, 70);
+    const std::string full(1048576, 'f');
+    EXPECT_EQ(200, PostStatus(port, "/r/full", full));
+    EXPECT_TRUE(ReadFile(dir + "full-0.json") == full);
+    RawHttpConnection connection(port);
+    ASSERT_TRUE(connection.Send(expect + "7\r\n\r\n"));
+    EXPECT_EQ(100, connection.ReadReply(5s).value_or(HttpReply{}).status);
+    ASSERT_TRUE(connection.Send(R"({"e":1})"));
+    EXPECT_EQ(200, connection.ReadReply().value_or(HttpReply{}).status);
+    EXPECT_EQ(R"({"e":1})", ReadFile(dir + "expect-0.json"));
+    // The same connection carries on.
+    ASSERT_TRUE(connection.Send(PostRequest("/r/expect", R"({"e":2})")));
+    EXPECT_EQ(200, connection.ReadReply().value_or(HttpReply{}).status);
+    EXPECT_EQ("expect-1.json", ReadLink(dir + "expect.json"));
+
+    for (auto& head : heads) EXPECT_TRUE(head.WaitClosed(20s));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 9s);
+    EXPECT_EQ(0, daemon.Terminate(SIGTERM)) << daemon.Logs();
+
+    // Under a service manager: told when ready and when stopping, and lines in journal form.
+    TempDir notifyDir;
+    boost::asio::io_context io;
+    using Datagram = boost::asio::local::datagram_protocol;
+    Datagram::socket notify(io, Datagram::endpoint(notifyDir / "notify"));
+    auto received = [&] {
+        std::string datagram(64, '\0');
+        if (!Eventually([&] { return notify.available() > 0; })) return std::string();
+        return datagram.substr(0, notify.receive(boost::asio::buffer(datagram)));
+    };
+    daemon.options.env.insert(daemon.options.env.end(),
+                              {"NOTIFY_SOCKET=" + notifyDir / "notify", "JOURNAL_STREAM=8:1234"});
+    ASSERT_TRUE(daemon.Restart()) << daemon.Logs();
+    EXPECT_EQ(received(), "READY=1");
+    // Ready means serving, with the launcher's start-up behind it.
+    EXPECT_TRUE(daemon.WaitForLog("<5>PluginLauncher: About to schedule slow plugins\n", 0s));
+    EXPECT_TRUE(daemon.WaitForLog(
+        "<5>tessardEndpoint: HTTP endpoint listening on port: " + std::to_string(port) + "\n", 0s))
+        << daemon.Logs();
+    EXPECT_EQ(200, PostStatus(port, "/r/up", "{}"));
+    EXPECT_EQ(0, daemon.Terminate(SIGINT)) << daemon.Logs();
+    EXPECT_EQ(received(), "STOPPING=1");
+}
+
+// A body that names its origin; the exact bytes follow from (name, conn, seq, size).
+std::string NumberedBody(const std::string& name, int conn, int seq, size_t size) {
+    std::string head = R"({"name":")" + name + R"(","conn":)" + std::to_string(conn) +
+                       R"(,"seq":)" + std::to_string(seq) + R"(,"pad":")";
+    return head + std::string(size - head.size() - 2, '.') + "\"}";
+}
+
+std::string Slot(const std::string& name, int index) {
+    return name + "-" + std::to_string(index) + ".json";
+}
+
+TEST(ManyClients, ReportsOfSharedNamesAllLandInOrderAndSurviveAKill) {
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
+    constexpr int kConnections = 32, kNames = 8, kPerConnection = 400;
+    struct Request {
+        int status = 0;
+        uint64_t sent = 0, answered = 0;  // on a logical clock
+    };
+    std::atomic<uint64_t> clock{0};
+    // Connection c posts its request s to name s % kNames; each is found by its body.
+    std::map<std::string, Request> requests;
+    for (int c = 0; c < kConnections; ++c)
+        for (int s = 0; s < kPerConnection; ++s)
+            requests[NumberedBody("n" + std::to_string(s % kNames), c, s, 1024)];
+    std::vector<std::jthread> threads;
+    for (int c = 0; c < kConnections; ++c)
+        threads.emplace_back([&, c] {
+            RawHttpConnection connection(daemon.Port());
+            for (int s = 0; s < kPerConnection; ++s) {
+                const std::string name = "n" + std::to_string(s % kNames);
+                const std::string body = NumberedBody(name, c, s, 1024);
+                Request& r = requests.at(body);
+                r.sent = ++clock;
+                // A failed send shows as a missing reply.
+                connection.Send(PostRequest("/load/" + name, body));
+                r.status = connection.ReadReply(30s).value_or(HttpReply{}).status;
+                r.answered = ++clock;
+                if (r.status == 0) return;
+            }
+        });
+    threads.clear();
+    EXPECT_EQ(0, std::ranges::count_if(requests, [](auto& r) { return r.second.status != 200; }));
+
+    const std::string dir = daemon.ReportDir() + "/";
+    std::set<std::string> expectedEntries;
+    for (int n = 0; n < kNames; ++n) {
+        const std::string name = "n" + std::to_string(n), named = R"({"name":")" + name + "\"";
+        SCOPED_TRACE(name);
+        expectedEntries.insert({name + ".json", Slot(name, 0), Slot(name, 1), Slot(name, 2)});
+        std::string link = ReadLink(dir + name + ".json");
+        ASSERT_TRUE(std::regex_match(link, std::regex(name + "-[012]\\.json"))) << link;
+        // Ring order from oldest to newest: the slots after the link's, then the link's.
+        std::vector<const Request*> ring;
+        for (int step = 1; step <= 3; ++step) {
+            std::string file = Slot(name, (link[name.size() + 1] - '0' + step) % 3);
+            auto origin = requests.find(ReadFile(dir + file));
+            ASSERT_TRUE(origin != requests.end() && origin->first.starts_with(named))
+                << file << " is not a whole report to " << name;
+            ring.push_back(&origin->second);
+        }
+        EXPECT_EQ(std::set(ring.begin(), ring.end()).size(), 3u) << "a repeated report";
+        // Any request sent after a stored one was answered follows it in the ring,
+        // so at most (2 - position) of them exist; none may precede it.
+        for (int position = 0; position < 3; ++position) {
+            int later = 0;
+            for (const auto& [body, r] : requests)
+                later += body.starts_with(named) && r.sent > ring[position]->answered;
+            EXPECT_LE(later, 2 - position) << "ring position " << position;
+            for (int before = 0; before < position; ++before)
+                EXPECT_FALSE(ring[position]->answered < ring[before]->sent)
+                    << "positions " << before << " and " << position << " out of order";
+        }
+    }
+    EXPECT_EQ(expectedEntries, ListDir(daemon.ReportDir()));
+    for (const auto& e : daemon.LogEntries()) EXPECT_NE("error", e.level) << e.message;
+
+    // Killed while writing, it leaves only whole reports and resumes the rings.
+    std::vector<std::set<std::string>> posted(4);  // by connection
+    std::atomic<int> answered{0};
+    for (int c = 0; c < 4; ++c)
+        threads.emplace_back([&, c] {
+            RawHttpConnection connection(daemon.Port());
+            for (int s = 0;; ++s) {
+                const std::string name = "k" + std::to_string(s % 2);
+                std::string body = NumberedBody(name, c, s, 512 + (c * 7919 + s * 104729) % 65536);
+                posted[c].insert(body);
+                if (!connection.Send(PostRequest("/crash/" + name, body)) ||
+                    connection.ReadReply().value_or(HttpReply{}).status != 200)
+                    return;
+                ++answered;
+            }
+        });
+    Eventually([&] { return answered >= 200; }, 20s);
+    daemon.Kill9();
+    threads.clear();
+    ASSERT_GE(answered, 200);
+
+    ASSERT_TRUE(daemon.Restart()) << daemon.Logs();
+    for (const std::string name : {"k0", "k1"}) {
+        SCOPED_TRACE(name);
+        int highest = -1;
+        for (int i = 0; i < 3; ++i) {
+            if (!std::filesystem::exists(dir + Slot(name, i))) continue;
+            highest = i;
+            std::string content = ReadFile(dir + Slot(name, i));
+            EXPECT_TRUE(content.starts_with(R"({"name":")" + name + "\"") &&
+                        std::ranges::any_of(posted, [&](auto& p) { return p.count(content); }))
+                << Slot(name, i) << " is not a whole posted report: " << content.substr(0, 80);
+        }
+        ASSERT_GE(highest, 0);
+        std::string link = ReadLink(dir + name + ".json");
+        EXPECT_TRUE(link.empty() || std::filesystem::is_regular_file(dir + link)) << link;
+
+        ASSERT_EQ(200, PostStatus(daemon.Port(), "/crash/" + name, "{}"));
+        EXPECT_EQ("{}", ReadFile(dir + Slot(name, (highest + 1) % 3)));
+        EXPECT_EQ(Slot(name, (highest + 1) % 3), ReadLink(dir + name + ".json"));
+    }
+    EXPECT_EQ(0, daemon.Terminate());
+}
+
+}  // namespace
+}  // namespace TessardTest
