@@ -48,11 +48,6 @@ class ReportsTest : public testing::Test {
     }
     // Starts over on `dir`, as the daemon does after a restart.
     void Restart(const std::string& dir) { handler = MakeRef<Tessard::TessardHandler>(dir); }
-    std::set<std::string> Entries() const {
-        std::set<std::string> names;
-        for (const auto& e : fs::directory_iterator(tmp.Path())) names.insert(e.path().filename());
-        return names;
-    }
 
     TessardTest::TempDir tmp;
     TessardTest::LogCapture log;
@@ -85,7 +80,7 @@ TEST_F(ReportsTest, RefusesInTheOrderOfItsChecks) {
     EXPECT_EQ(Post(huge), 413);
     EXPECT_EQ(huge->bytesRead, 0u);
     EXPECT_TRUE(log.Has(LogLevel::Error, "Report too large: 1048577"));
-    EXPECT_TRUE(Entries().empty()) << "refusals touch no file";
+    EXPECT_TRUE(TessardTest::ListDir(dir).empty()) << "refusals touch no file";
 }
 
 TEST_F(ReportsTest, TheLastUrlSegmentNamesTheReport) {
@@ -145,8 +140,9 @@ TEST_F(ReportsTest, BodiesAreStoredWholeUpToTheLimitWhateverTheClientDoes) {
     faults.failClose = true;
     EXPECT_EQ(Post("/cpu", "unflushed"), 500);
     EXPECT_EQ(ReadLink(dir + "cpu.json"), "cpu-0.json");
-    EXPECT_EQ(Entries(), (std::set<std::string>{".cpu-1.json", ".cpu-2.json", "cpu-0.json",
-                                                "cpu-1.json", "cpu-2.json", "cpu.json"}));
+    EXPECT_EQ(TessardTest::ListDir(dir),
+              (std::set<std::string>{".cpu-1.json", ".cpu-2.json", "cpu-0.json", "cpu-1.json",
+                                     "cpu-2.json", "cpu.json"}));
     EXPECT_EQ(ReadFile(dir + "cpu-1.json"), whole);
 }
 
@@ -207,7 +203,8 @@ TEST_F(ReportsTest, FailuresKeepTheRingMovingAndTheNewestVisible) {
     ASSERT_EQ(Post("/cpu", "third"), 200);
     EXPECT_EQ(ReadFile(dir + "cpu-0.json"), "third");
     EXPECT_EQ(ReadFile(dir + "cpu.json"), "operator's file");
-    EXPECT_EQ(Entries(), (std::set<std::string>{".cpu-1.json", "cpu-0.json", "cpu.json"}));
+    EXPECT_EQ(TessardTest::ListDir(dir),
+              (std::set<std::string>{".cpu-1.json", "cpu-0.json", "cpu.json"}));
 
     // The first report of a name lists the directory; when that fails, nothing is written.
     faults.failList = true;

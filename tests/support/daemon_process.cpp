@@ -20,13 +20,6 @@ bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds tim
     return true;
 }
 
-std::set<std::string> ListDir(const std::string& dir) {
-    std::set<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(dir))
-        names.insert(entry.path().filename());
-    return names;
-}
-
 std::pair<int, std::string> RunCommand(const std::string& command) {
     TempDir temp;
     int status = std::system(("(" + command + ") >" + temp / "out" + " 2>&1").c_str());

@@ -39,8 +39,6 @@ struct LogEntry {
 
 // Polls until `done` holds or the time is up; says which.
 bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout = 10s);
-// Names in a directory.
-std::set<std::string> ListDir(const std::string& dir);
 // Runs a shell command: its exit code and everything it printed (both streams).
 std::pair<int, std::string> RunCommand(const std::string& command);
 // Sends raw bytes on a fresh connection and reads one reply; status 0 when none arrives within

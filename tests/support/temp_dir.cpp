@@ -38,4 +38,11 @@ std::string ReadLink(const std::string& path) {
     return std::filesystem::read_symlink(path, error).string();  // empty on error
 }
 
+std::set<std::string> ListDir(const std::string& dir) {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir))
+        names.insert(entry.path().filename());
+    return names;
+}
+
 }  // namespace TessardTest

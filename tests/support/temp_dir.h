@@ -1,6 +1,7 @@
 // A temporary directory that is removed with everything in it.
 #pragma once
 
+#include <set>
 #include <string>
 
 namespace TessardTest {
@@ -21,6 +22,7 @@ class TempDir {
 
 std::string ReadFile(const std::string& path);  // throws std::runtime_error when unreadable
 void WriteFile(const std::string& path, const std::string& content);
-std::string ReadLink(const std::string& path);  // empty when not a symbolic link
+std::string ReadLink(const std::string& path);          // empty when not a symbolic link
+std::set<std::string> ListDir(const std::string& dir);  // names of its entries
 
 }  // namespace TessardTest
