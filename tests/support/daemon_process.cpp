@@ -5,8 +5,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <regex>
-#include <sstream>
 #include <thread>
 
 extern char** environ;
@@ -93,18 +91,6 @@ bool DaemonProcess::Running() {
 
 std::string DaemonProcess::Logs() const {
     return std::filesystem::exists(logPath) ? ReadFile(logPath) : "";
-}
-
-std::vector<LogEntry> DaemonProcess::LogEntries() const {
-    static const std::regex kLine(
-        R"((\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z) (error|warning|info|verbose|trivia) (\S+): (.*))");
-    std::vector<LogEntry> entries;
-    std::istringstream lines(Logs());
-    std::smatch match;
-    for (std::string line; std::getline(lines, line);)
-        if (std::regex_match(line, match, kLine))
-            entries.push_back({match[1], match[2], match[3], match[4]});
-    return entries;
 }
 
 bool DaemonProcess::WaitForLog(const std::string& substring,

@@ -32,11 +32,6 @@ struct DaemonOptions {
     std::function<void(const std::string& root)> prepare{};
 };
 
-// A line in the daemon's form "<time> <level> <logger>: <message>".
-struct LogEntry {
-    std::string time, level, logger, message;
-};
-
 // Polls until `done` holds or the time is up; says which.
 bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout = 10s);
 // Runs a shell command: its exit code and everything it printed (both streams).
@@ -63,7 +58,6 @@ class DaemonProcess {
 
     // Everything the current run wrote to stdout and stderr.
     std::string Logs() const;
-    std::vector<LogEntry> LogEntries() const;
     bool WaitForLog(const std::string& substring, std::chrono::milliseconds timeout) const;
     // Waits for a line with exactly this level, logger and message; shows the log when absent.
     testing::AssertionResult HasLine(const std::string& level, const std::string& logger,
