@@ -2,6 +2,7 @@
 // running daemon reload on SIGHUP, the status file, the metrics textfile and `tessard status`.
 #include <rapidjson/document.h>
 
+#include <filesystem>
 #include <map>
 #include <thread>
 
@@ -22,6 +23,8 @@ bool Schedules(const std::string& statusPath, const std::map<std::string, std::s
     return Eventually([&] {
         std::map<std::string, std::string> plugins;
         rapidjson::Document status;
+        // The daemon logs that it listens before it first writes the file.
+        if (!std::filesystem::exists(statusPath)) return false;
         if (!status.Parse(ReadFile(statusPath).c_str()).IsObject()) return false;
         for (const auto& p : status["plugins"].GetArray())
             plugins[p["name"].GetString()] = p["category"].GetString();
