@@ -57,13 +57,13 @@ std::string Number(double value) {
 
 class Metrics {
   public:
-    // Each family once, with its help and type, before its first sample.
+    // Each family once, with its help and type; the samples that follow are its.
     void Family(const char* name, const char* type, const char* help) {
+        family = name;
         out += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
     }
-    void Sample(const char* name, const std::vector<std::pair<const char*, std::string>>& labels,
-                double value) {
-        out += name;
+    void Sample(const std::vector<std::pair<const char*, std::string>>& labels, double value) {
+        out += family;
         if (!labels.empty()) {
             out += '{';
             for (size_t i = 0; i < labels.size(); ++i) {
@@ -75,6 +75,9 @@ class Metrics {
         out += " " + Number(value) + "\n";
     }
     std::string out;
+
+  private:
+    const char* family = "";
 };
 
 }  // namespace
@@ -307,78 +310,67 @@ std::string StatusBoard::Prometheus(Clock::time_point now) const {
     std::lock_guard lock(mutex);
     Metrics m;
     m.Family("tessard_info", "gauge", "Version and build of the running daemon.");
-    m.Sample("tessard_info",
-             {{"version", daemon.version}, {"build", std::to_string(daemon.buildNumber)}}, 1);
+    m.Sample({{"version", daemon.version}, {"build", std::to_string(daemon.buildNumber)}}, 1);
     m.Family("tessard_start_time_seconds", "gauge", "When the daemon started, Unix time.");
-    m.Sample("tessard_start_time_seconds", {}, Seconds(daemon.started));
+    m.Sample({}, Seconds(daemon.started));
     m.Family("tessard_status_time_seconds", "gauge", "When these figures were written, Unix time.");
-    m.Sample("tessard_status_time_seconds", {}, Seconds(now));
+    m.Sample({}, Seconds(now));
 
     m.Family("tessard_report_last_seconds", "gauge",
              "When the newest report was stored, Unix time.");
     for (const auto& [name, report] : reports)
-        if (report.last)
-            m.Sample("tessard_report_last_seconds", {{"name", name}}, Seconds(*report.last));
+        if (report.last) m.Sample({{"name", name}}, Seconds(*report.last));
     m.Family("tessard_report_size_bytes", "gauge", "Size of the newest stored report.");
     for (const auto& [name, report] : reports)
-        if (report.last)
-            m.Sample("tessard_report_size_bytes", {{"name", name}},
-                     static_cast<double>(report.size));
+        if (report.last) m.Sample({{"name", name}}, static_cast<double>(report.size));
     m.Family("tessard_reports_total", "counter", "Report requests answered, by HTTP status.");
     for (const auto& [name, report] : reports)
         for (const auto& [code, count] : report.answers)
-            m.Sample("tessard_reports_total", {{"name", name}, {"code", std::to_string(code)}},
-                     static_cast<double>(count));
+            m.Sample({{"name", name}, {"code", std::to_string(code)}}, static_cast<double>(count));
     m.Family("tessard_reports_untracked_total", "counter",
              "Report requests of refused names or of names beyond the tracked number.");
-    m.Sample("tessard_reports_untracked_total", {}, static_cast<double>(untrackedReports));
+    m.Sample({}, static_cast<double>(untrackedReports));
 
     m.Family("tessard_plugin_period_seconds", "gauge", "Period of each scheduled plugin.");
     for (const auto& [name, plugin] : plugins)
-        m.Sample("tessard_plugin_period_seconds",
-                 {{"plugin", name}, {"category", plugin.plan.category}},
+        m.Sample({{"plugin", name}, {"category", plugin.plan.category}},
                  static_cast<double>(plugin.plan.period.count()));
     m.Family("tessard_plugin_last_start_seconds", "gauge",
              "When the plugin last started, Unix time.");
     for (const auto& [name, plugin] : plugins)
-        if (plugin.lastStart)
-            m.Sample("tessard_plugin_last_start_seconds", {{"plugin", name}},
-                     Seconds(*plugin.lastStart));
+        if (plugin.lastStart) m.Sample({{"plugin", name}}, Seconds(*plugin.lastStart));
     m.Family("tessard_plugin_last_exit", "gauge",
              "Exit status of the last run: 128+N for signal N, -1 when it did not start.");
     for (const auto& [name, plugin] : plugins)
-        if (plugin.last)
-            m.Sample("tessard_plugin_last_exit", {{"plugin", name}}, ExitCode(*plugin.last));
+        if (plugin.last) m.Sample({{"plugin", name}}, ExitCode(*plugin.last));
     m.Family("tessard_plugin_duration_seconds", "gauge", "Run time of the last run.");
     for (const auto& [name, plugin] : plugins)
         if (plugin.last)
-            m.Sample("tessard_plugin_duration_seconds", {{"plugin", name}},
+            m.Sample({{"plugin", name}},
                      std::chrono::duration<double>(plugin.last->runTime).count());
     m.Family("tessard_plugin_peak_memory_bytes", "gauge", "Peak memory of the last run.");
     for (const auto& [name, plugin] : plugins)
         if (plugin.last)
-            m.Sample("tessard_plugin_peak_memory_bytes", {{"plugin", name}},
+            m.Sample({{"plugin", name}},
                      static_cast<double>(plugin.last->peakMemoryKb) * kBytesPerKb);
     m.Family("tessard_plugin_runs_total", "counter", "Finished runs, by how they ended.");
     for (const auto& [name, plugin] : plugins)
         for (const auto& [end, count] : plugin.ends)
-            m.Sample("tessard_plugin_runs_total", {{"plugin", name}, {"end", EndName(end)}},
-                     static_cast<double>(count));
+            m.Sample({{"plugin", name}, {"end", EndName(end)}}, static_cast<double>(count));
     m.Family("tessard_plugin_oom_kills_total", "counter", "Runs killed by the kernel for memory.");
     for (const auto& [name, plugin] : plugins) {
         auto oom = plugin.ends.find(PluginEnd::OutOfMemory);
-        m.Sample("tessard_plugin_oom_kills_total", {{"plugin", name}},
+        m.Sample({{"plugin", name}},
                  static_cast<double>(oom == plugin.ends.end() ? 0 : oom->second));
     }
 
     m.Family("tessard_pool_found", "gauge", "Whether the plugin pool group exists.");
-    m.Sample("tessard_pool_found", {}, pool.found ? 1 : 0);
+    m.Sample({}, pool.found ? 1 : 0);
     if (pool.found) {
         m.Family("tessard_pool_child_groups", "gauge", "Plugin groups in the pool now.");
-        m.Sample("tessard_pool_child_groups", {}, pool.childGroups);
+        m.Sample({}, pool.childGroups);
         m.Family("tessard_pool_peak_memory_bytes", "gauge", "Peak memory of the whole pool.");
-        m.Sample("tessard_pool_peak_memory_bytes", {},
-                 static_cast<double>(pool.peakKb) * kBytesPerKb);
+        m.Sample({}, static_cast<double>(pool.peakKb) * kBytesPerKb);
     }
     return m.out;
 }
