@@ -3,6 +3,7 @@
 #include <rapidjson/filereadstream.h>
 
 #include <cstdio>
+#include <type_traits>
 
 #include "platform/base/app.h"
 #include "platform/base/c_helpers.h"
@@ -35,47 +36,35 @@ void GetStringMember(const rapidjson::Document& document, const char* member,
                      const std::string& path, std::string& out,
                      const Ref<Pelinor::Service::Logger>& logger) {
     out.clear();
-    if (!document.IsObject()) {
+    if (!document.IsObject() || !document.HasMember(member)) {
         Log(logger, LogLevel::Error, "%1 is not formatted with the path", path);
         return;
     }
-    auto found = document.FindMember(member);
-    if (found == document.MemberEnd()) {
-        Log(logger, LogLevel::Error, "%1 is not formatted with the path", path);
-        return;
-    }
-    if (!found->value.IsString()) {
+    const auto& value = document[member];
+    if (!value.IsString()) {
         Log(logger, LogLevel::Error, "Path in %1 is not formatted correctly", path);
         return;
     }
-    out = found->value.GetString();  // up to the first NUL
+    out = value.GetString();  // up to the first NUL
 }
 
-bool GetPluginOverride(const std::string& name, const std::string& key, bool& value,
+// Reads pluginOverrides/<name>/<key> with the getter of the value's type.
+template <typename T>
+bool GetPluginOverride(const std::string& name, const std::string& key, T& value,
                        const Ref<Pelinor::Service::Logger>& logger) {
     std::string keyPath = kOverridesPrefix + name + "/" + key;
     Log(logger, LogLevel::Trivia, "Checking config: %1", keyPath);
-    if (!Configuration()->GetBool(keyPath, value)) return false;
-    Log(logger, LogLevel::Info, "Override plugin configuration: %1.%2: %3", name, key, value);
-    return true;
-}
-
-bool GetPluginOverride(const std::string& name, const std::string& key, std::string& value,
-                       const Ref<Pelinor::Service::Logger>& logger) {
-    std::string keyPath = kOverridesPrefix + name + "/" + key;
-    Log(logger, LogLevel::Trivia, "Checking config: %1", keyPath);
-    if (!Configuration()->GetString(keyPath, value)) return false;
-    Log(logger, LogLevel::Info, "Override plugin configuration: %1.%2: %3", name, key, value);
-    return true;
-}
-
-bool GetPluginOverride(const std::string& name, const std::string& key, int32_t& value,
-                       const Ref<Pelinor::Service::Logger>& logger) {
-    std::string keyPath = kOverridesPrefix + name + "/" + key;
-    Log(logger, LogLevel::Trivia, "Checking config: %1", keyPath);
-    if (!Configuration()->GetInt(keyPath, value)) return false;
-    Log(logger, LogLevel::Info, "Override plugin configuration: %1.%2: %3", name, key, value);
-    return true;
+    const auto config = Configuration();
+    bool found = false;
+    if constexpr (std::is_same_v<T, bool>)
+        found = config->GetBool(keyPath, value);
+    else if constexpr (std::is_same_v<T, int32_t>)
+        found = config->GetInt(keyPath, value);
+    else
+        found = config->GetString(keyPath, value);
+    if (found)
+        Log(logger, LogLevel::Info, "Override plugin configuration: %1.%2: %3", name, key, value);
+    return found;
 }
 
 }  // namespace

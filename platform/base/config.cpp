@@ -159,20 +159,27 @@ bool Config::GetString(const std::string& key, std::string& out) const {
     return true;
 }
 
-bool Config::GetInt(const std::string& key, int32_t& out) const {
+namespace {
+
+// The key's text converted by `parse`; text that does not convert is reported, `out` untouched.
+template <typename T>
+bool GetParsed(const Config& config, const std::string& key, T& out,
+               bool (*parse)(std::string_view, T&)) {
     std::string text;
-    if (!GetString(key, text)) return false;
-    if (ParseInt(text, out)) return true;
-    ReportInvalid(key, text);
+    if (!config.GetString(key, text)) return false;
+    if (parse(text, out)) return true;
+    config.ReportInvalid(key, text);
     return false;
 }
 
+}  // namespace
+
+bool Config::GetInt(const std::string& key, int32_t& out) const {
+    return GetParsed(*this, key, out, &ParseInt);
+}
+
 bool Config::GetBool(const std::string& key, bool& out) const {
-    std::string text;
-    if (!GetString(key, text)) return false;
-    if (ParseBool(text, out)) return true;
-    ReportInvalid(key, text);
-    return false;
+    return GetParsed(*this, key, out, &ParseBool);
 }
 
 const std::vector<Config::Entry>& Config::Entries() const {
