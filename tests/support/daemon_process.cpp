@@ -24,16 +24,6 @@ std::pair<int, std::string> RunCommand(const std::string& command) {
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(temp / "out")};
 }
 
-HttpReply Exchange(uint16_t port, const std::string& bytes) {
-    RawHttpConnection connection(port);
-    connection.Send(bytes);
-    return connection.ReadReply(5s).value_or(HttpReply{});
-}
-
-int PostStatus(uint16_t port, const std::string& target, const std::string& body) {
-    return Exchange(port, PostRequest(target, body)).status;
-}
-
 DaemonProcess::DaemonProcess(DaemonOptions opts, std::string bin)
     : options(std::move(opts)), binary(std::move(bin)) {
     port = options.port != 0 ? options.port : FreePort();

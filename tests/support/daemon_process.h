@@ -36,10 +36,6 @@ struct DaemonOptions {
 bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout = 10s);
 // Runs a shell command: its exit code and everything it printed (both streams).
 std::pair<int, std::string> RunCommand(const std::string& command);
-// Sends raw bytes on a fresh connection and reads one reply; status 0 when none arrives within
-// 5 s, which no stalled client of the daemon should cause.
-HttpReply Exchange(uint16_t port, const std::string& bytes);
-int PostStatus(uint16_t port, const std::string& target, const std::string& body);
 
 class DaemonProcess {
   public:

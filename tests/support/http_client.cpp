@@ -72,11 +72,14 @@ std::string PostRequest(const std::string& target, const std::string& body) {
            std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
-std::optional<HttpReply> PostOnce(uint16_t port, const std::string& target,
-                                  const std::string& body) {
+HttpReply Exchange(uint16_t port, const std::string& bytes) {
     RawHttpConnection connection(port);
-    if (!connection.Send(PostRequest(target, body))) return std::nullopt;
-    return connection.ReadReply();
+    connection.Send(bytes);
+    return connection.ReadReply(std::chrono::seconds(5)).value_or(HttpReply{});
+}
+
+int PostStatus(uint16_t port, const std::string& target, const std::string& body) {
+    return Exchange(port, PostRequest(target, body)).status;
 }
 
 uint16_t FreePort() {

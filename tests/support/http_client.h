@@ -39,9 +39,10 @@ class RawHttpConnection {
 
 // A POST of a JSON body.
 std::string PostRequest(const std::string& target, const std::string& body);
-// One POST on a fresh connection; the reply or an empty optional.
-std::optional<HttpReply> PostOnce(uint16_t port, const std::string& target,
-                                  const std::string& body);
+// Sends raw bytes on a fresh connection and reads one reply; status 0 when none arrives within
+// 5 s, which no stalled client of the daemon should cause.
+HttpReply Exchange(uint16_t port, const std::string& bytes);
+int PostStatus(uint16_t port, const std::string& target, const std::string& body);
 // A port that was free a moment ago on 127.0.0.1.
 uint16_t FreePort();
 

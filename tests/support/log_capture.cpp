@@ -23,10 +23,9 @@ void LogCapture::Write(LogLevel level, std::string_view, std::string_view messag
     lines.emplace_back(level, message);
 }
 
-int LogCapture::Count(const std::string& message) const {
+bool LogCapture::Has(const std::string& message) const {
     std::lock_guard lock(mutex);
-    return static_cast<int>(
-        std::count_if(lines.begin(), lines.end(), [&](auto& l) { return l.second == message; }));
+    return std::any_of(lines.begin(), lines.end(), [&](auto& l) { return l.second == message; });
 }
 
 bool LogCapture::Has(LogLevel level, const std::string& message) const {

@@ -19,8 +19,7 @@ class LogCapture : public Pelinor::Service::LogSink {
                std::string_view message) override;
 
     // Lines with exactly this message (and level).
-    int Count(const std::string& message) const;
-    bool Has(const std::string& message) const { return Count(message) > 0; }
+    bool Has(const std::string& message) const;
     bool Has(Pelinor::Service::LogLevel level, const std::string& message) const;
     void Clear();
 
