@@ -58,12 +58,6 @@ class Cgroup : public testing::Test {
         return launcher.Launch(argv[0], argv.data(), options, pid);
     }
 
-    // Stops the run and waits until its group is gone.
-    void StopRun() {
-        EXPECT_EQ(launcher.Stop(pid, std::chrono::seconds(2)), 0);
-        EXPECT_TRUE(launcher.WaitIdle(std::chrono::seconds(10)));
-    }
-
     // The pool script's exit code; what it prints goes to the test's log.
     int Pool(const std::string& arguments) {
         std::string script = fs::path(__FILE__).parent_path() / "../../packaging/tessard-pool.sh";
@@ -189,7 +183,8 @@ TEST_F(Cgroup, PoolScriptCreatesReportsAndRemovesOnlyWhatItMade) {
     ASSERT_EQ(Launch({"/usr/bin/env", kRequest, "sleep", "60"}), 0);
     EXPECT_EQ(Pool("remove"), 1);
     EXPECT_TRUE(fs::is_directory(pool));
-    StopRun();
+    EXPECT_EQ(launcher.Stop(pid, std::chrono::seconds(2)), 0);
+    EXPECT_TRUE(launcher.WaitIdle(std::chrono::seconds(10))) << "its group is gone";
     MakeGroups(std::string(kPoolPath) + "/idle");
     EXPECT_EQ(Pool("remove"), 0);
     EXPECT_FALSE(fs::exists(root + "/host/zol"));
