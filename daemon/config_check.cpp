@@ -52,18 +52,6 @@ std::optional<Kind> Classify(const std::string& key) {
     return std::nullopt;
 }
 
-bool IsPrefixOfAny(std::string_view text, auto names) {
-    if (text.empty()) return false;
-    for (std::string_view name : names) {
-        if (text.size() > name.size()) continue;
-        bool same = true;
-        for (size_t i = 0; i < text.size() && same; ++i)
-            same = std::tolower(static_cast<unsigned char>(text[i])) == name[i];
-        if (same) return true;
-    }
-    return false;
-}
-
 std::string ValueProblem(Kind kind, const std::string& value) {
     int32_t number = 0;
     bool flag = false;
@@ -91,11 +79,11 @@ std::string ValueProblem(Kind kind, const std::string& value) {
         case Kind::Enabled:
             return Config::ParseBool(value, flag) ? "" : "not a boolean: ignored";
         case Kind::Frequency:
-            return IsPrefixOfAny(value, kFrequencyNames)
+            return MatchName(value, kFrequencyNames)
                        ? ""
                        : "not fast, medium or slow: the plugin runs as fast";
         case Kind::PluginLogLevel:
-            return IsPrefixOfAny(value, kLogLevelNames)
+            return MatchName(value, kLogLevelNames)
                        ? ""
                        : "not debug, info, warning, error or critical: ignored";
         case Kind::PidsMax:

@@ -22,16 +22,19 @@ constexpr const char* kGroupArgument = "++group=tessard-plugins,mem=";
 constexpr const char* kUrlOption = "-u";
 constexpr const char* kLogLevelOption = "loglevel";
 
-// Whether `text` begins with `name`, ignoring case.
-bool StartsWithIgnoringCase(const std::string& text, std::string_view name) {
-    return text.size() >= name.size() &&
-           std::equal(name.begin(), name.end(), text.begin(), [](char a, char b) {
-               return std::tolower(static_cast<unsigned char>(a)) ==
-                      std::tolower(static_cast<unsigned char>(b));
-           });
-}
-
 }  // namespace
+
+std::optional<size_t> MatchName(std::string_view text, std::span<const std::string_view> names) {
+    for (size_t i = 0; i < names.size(); ++i) {
+        if (text.size() >= names[i].size() &&
+            std::equal(names[i].begin(), names[i].end(), text.begin(), [](char a, char b) {
+                return std::tolower(static_cast<unsigned char>(a)) ==
+                       std::tolower(static_cast<unsigned char>(b));
+            }))
+            return i;
+    }
+    return std::nullopt;
+}
 
 bool SetResourcePoolSize(int32_t sizeMb) {
     if (resourcePoolSizeMb >= sizeMb || sizeMb > maxResourcePoolSizeMb) return false;
@@ -45,19 +48,13 @@ void SetPath(PluginConfiguration& configuration, const std::string& relativePath
 }
 
 void SetFrequency(PluginConfiguration& configuration, const std::string& text) {
-    configuration.frequency = kFastFrequency;
-    for (size_t i = 0; i < kFrequencyNames.size(); ++i) {
-        if (StartsWithIgnoringCase(text, kFrequencyNames[i])) {
-            configuration.frequency = static_cast<int32_t>(i);
-            return;
-        }
-    }
+    configuration.frequency =
+        static_cast<int32_t>(MatchName(text, kFrequencyNames).value_or(kFastFrequency));
 }
 
 void SetLogLevel(PluginConfiguration& configuration, const std::string& text) {
-    for (std::string_view level : kLogLevelNames) {
-        if (StartsWithIgnoringCase(text, level)) configuration.logLevel = level;
-    }
+    if (auto level = MatchName(text, kLogLevelNames))
+        configuration.logLevel = kLogLevelNames[*level];
 }
 
 Plugin::Plugin(const PluginConfiguration& configuration)

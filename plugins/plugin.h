@@ -4,6 +4,8 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,9 +43,11 @@ struct PluginConfiguration {
 };
 
 void SetPath(PluginConfiguration& configuration, const std::string& relativePath);
-// Case-insensitive prefix match against kFrequencyNames; anything else means fast.
+// The first of `names` that `text` begins with, ignoring case ("SLOWLY" is slow).
+std::optional<size_t> MatchName(std::string_view text, std::span<const std::string_view> names);
+// The frequency `text` begins with; anything else means fast.
 void SetFrequency(PluginConfiguration& configuration, const std::string& text);
-// Case-insensitive prefix match against kLogLevelNames; anything else changes nothing.
+// The log level `text` begins with; anything else changes nothing.
 void SetLogLevel(PluginConfiguration& configuration, const std::string& text);
 
 class Plugin {

@@ -62,7 +62,7 @@ TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
          {"Configuration ", "  a                       slow      300s      60s        40 MiB\n",
           "  b                       fast      300s      30s        40 MiB\n", "No problems.\n"},
          {},
-         "<config>\n<httpPort>9996</httpPort>\n<pluginOverrides><b><frequency>Fast</frequency>"
+         "<config>\n<httpPort>9996</httpPort>\n<pluginOverrides><b><frequency>Fastest</frequency>"
          "</b></pluginOverrides>\n</config>\n"},
         {{check},
          1,
