@@ -4,11 +4,13 @@
 #include <array>
 #include <cctype>
 #include <iomanip>
+#include <limits>
 #include <optional>
 #include <set>
 
 #include "http/endpoint.h"
 #include "platform/base/app.h"
+#include "platform/base/format.h"
 #include "plugins/plugin_launcher.h"
 
 namespace Tessard {
@@ -17,10 +19,6 @@ namespace {
 
 using Pelinor::Service::Config;
 using Pelinor::Service::LogLevel;
-
-constexpr std::string_view kOverridesPrefix = "pluginOverrides/";
-constexpr int32_t kMaxPort = 65535;
-constexpr int32_t kMinFastPeriodMin = 5;
 
 enum class Kind {
     Port,
@@ -38,8 +36,8 @@ std::optional<Kind> Classify(const std::string& key) {
     if (key == kHttpPortKey) return Kind::Port;
     if (key == "log/level") return Kind::Level;
     if (key == kTextfileDirKey) return Kind::Text;
-    if (key == "pluginOverrides/fast/timePeriodMin") return Kind::FastPeriod;
-    if (key == "pluginOverrides/rpSizeMb") return Kind::PoolSize;
+    if (key == kFastPeriodKey) return Kind::FastPeriod;
+    if (key == kPoolSizeKey) return Kind::PoolSize;
     if (!key.starts_with(kOverridesPrefix)) return std::nullopt;
     // pluginOverrides/<plugin name, slashes allowed>/<setting>
     auto slash = key.rfind('/');
@@ -58,8 +56,10 @@ std::string ValueProblem(Kind kind, const std::string& value) {
     Pelinor::Service::LogLevel level;
     switch (kind) {
         case Kind::Port:
-            if (!Config::ParseInt(value, number)) return "not an integer: the default 9996 is used";
-            if (number < 0 || number > kMaxPort) return "not a TCP port: start-up fails";
+            if (!Config::ParseInt(value, number))
+                return Pelinor::Format("not an integer: the default %1 is used", kDefaultHttpPort);
+            if (number < 0 || number > std::numeric_limits<uint16_t>::max())
+                return "not a TCP port: start-up fails";
             return "";
         case Kind::Level:
             return Pelinor::Service::ParseLevel(value, level)
@@ -70,12 +70,15 @@ std::string ValueProblem(Kind kind, const std::string& value) {
             return "";
         case Kind::FastPeriod:
             if (!Config::ParseInt(value, number)) return "not an integer: ignored";
-            return number > kMinFastPeriodMin ? "" : "not above 5: ignored";
+            return number > kMinFastPeriodMin
+                       ? ""
+                       : Pelinor::Format("not above %1: ignored", kMinFastPeriodMin);
         case Kind::PoolSize:
             if (!Config::ParseInt(value, number)) return "not an integer: ignored";
             return number > kDefaultResourcePoolSizeMb && number <= maxResourcePoolSizeMb
                        ? ""
-                       : "outside 41 to 500: ignored";
+                       : Pelinor::Format("outside %1 to %2: ignored",
+                                         kDefaultResourcePoolSizeMb + 1, maxResourcePoolSizeMb);
         case Kind::Enabled:
             return Config::ParseBool(value, flag) ? "" : "not a boolean: ignored";
         case Kind::Frequency:

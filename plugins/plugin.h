@@ -23,6 +23,14 @@ constexpr int32_t kFastFrequency = 0;
 // Processes one plugin run may have at once, where the kernel can cap them.
 constexpr uint32_t kDefaultPidsMax = 256;
 
+// The configuration file's plugin section: pluginOverrides/<plugin>/<setting> and two
+// launcher-wide keys.
+constexpr std::string_view kOverridesPrefix = "pluginOverrides/";
+constexpr const char* kFastPeriodKey = "pluginOverrides/fast/timePeriodMin";
+constexpr const char* kPoolSizeKey = "pluginOverrides/rpSizeMb";
+// A fast period override must be above this many minutes.
+constexpr int32_t kMinFastPeriodMin = 5;
+
 // Process-wide plugin settings, fixed while the launcher is built (and again at a reload).
 constexpr uint64_t kDefaultFastTimePeriodMin = 5;
 constexpr int32_t kDefaultResourcePoolSizeMb = 40;

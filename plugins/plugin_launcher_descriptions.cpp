@@ -20,10 +20,6 @@ using Pelinor::Service::LogLevel;
 namespace {
 
 constexpr size_t kReadBufferSize = 1024;
-constexpr const char* kOverridesPrefix = "pluginOverrides/";
-constexpr const char* kFastPeriodKey = "pluginOverrides/fast/timePeriodMin";
-constexpr const char* kPoolSizeKey = "pluginOverrides/rpSizeMb";
-constexpr int32_t kMinFastPeriodMin = 5;
 
 Ref<Pelinor::Service::Config> Configuration() {
     Ref<Pelinor::Service::Config> config;
@@ -52,7 +48,7 @@ void GetStringMember(const rapidjson::Document& document, const char* member,
 template <typename T>
 bool GetPluginOverride(const std::string& name, const std::string& key, T& value,
                        const Ref<Pelinor::Service::Logger>& logger) {
-    std::string keyPath = kOverridesPrefix + name + "/" + key;
+    std::string keyPath = std::string(kOverridesPrefix) + name + "/" + key;
     Log(logger, LogLevel::Trivia, "Checking config: %1", keyPath);
     const auto config = Configuration();
     bool found = false;

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <utility>
 
@@ -49,7 +50,7 @@ void SetPort(sockaddr* address, uint16_t port) {
 class PosixServerSocket final : public ServerSocket {
   public:
     void Listen(const std::string& host, int32_t port) override {
-        if (port < 0 || port > 65535) {
+        if (port < 0 || port > std::numeric_limits<uint16_t>::max()) {
             throw IOException(Format("Cannot listen on %1:%2: invalid port", host, port));
         }
         addrinfo hints{};
