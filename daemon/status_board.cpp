@@ -4,7 +4,6 @@
 #include <rapidjson/stringbuffer.h>
 
 #include <cstdio>
-#include <regex>
 
 #include "report/report_roller.h"
 
@@ -133,13 +132,11 @@ int ExitCode(const PluginRunOutcome& outcome) {
 StatusBoard::StatusBoard(DaemonFigures daemon) : daemon(std::move(daemon)) {}
 
 void StatusBoard::OnReport(const ReportOutcome& outcome) {
-    // Names the daemon refuses are any bytes a client sent: counted, never shown.
-    bool valid =
-        !outcome.name.starts_with('.') && std::regex_match(outcome.name, reportNamePattern);
     std::lock_guard lock(mutex);
     auto found = reports.find(outcome.name);
     if (found == reports.end()) {
-        if (!valid || reports.size() >= kMaxTrackedReportNames) {
+        // Names the daemon refuses are any bytes a client sent: counted, never shown.
+        if (reports.size() >= kMaxTrackedReportNames || !IsReportName(outcome.name)) {
             ++untrackedReports;
             changed = true;
             return;

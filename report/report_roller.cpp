@@ -17,12 +17,14 @@ constexpr const char* kReportNameRegex = "[a-zA-Z0-9_.-]+";
 
 const std::regex reportNamePattern(kReportNameRegex);
 
+bool IsReportName(const std::string& name) {
+    return !name.starts_with('.') && std::regex_match(name, reportNamePattern);
+}
+
 ReportRoller::ReportRoller(const std::string& baseDirectory, const std::string& reportName,
                            int32_t maxReports, const Ref<Pelinor::Service::Logger>& logger)
     : baseDirectory(baseDirectory), reportName(reportName), maxReports(maxReports), logger(logger) {
-    // A name beginning with "." is refused too: ".N-i.json" is the temporary file of N, so
-    // the name ".N" would share its files with N's.
-    if (!std::regex_match(reportName, reportNamePattern) || reportName.starts_with('.')) {
+    if (!IsReportName(reportName)) {
         throw Pelinor::InvalidArgumentException(
             Pelinor::Format("'%1' contains unexpected regex meta characters                   "
                             "(expected regex '%2')",

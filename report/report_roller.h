@@ -12,8 +12,11 @@
 
 namespace Tessard {
 
-// Report names: letters, digits, "_", "." and "-", matched whole; not beginning with ".".
+// Report names: letters, digits, "_", "." and "-", matched whole.
 extern const std::regex reportNamePattern;
+// A name the daemon stores: it matches the pattern and does not begin with ".", since
+// ".N-i.json" is the temporary file of N, so the name ".N" would share its files with N's.
+bool IsReportName(const std::string& name);
 
 class ReportRoller : public Pelinor::ObjectImpl {
   public:
