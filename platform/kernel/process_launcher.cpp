@@ -223,7 +223,6 @@ struct Run {
     size_t logged = 0;  // output bytes that reached the log
     bool truncated = false;
     bool reaped = false;
-    RunEnd end;
     bool stopping = false;
     bool escalated = false;      // SIGKILL sent
     Clock::time_point deadline;  // of the grace, then of the removal
@@ -468,7 +467,7 @@ class LinuxProcessLauncher : public ProcessLauncher {
             // What it wrote before it ended comes before the line that says how it ended.
             Drain(*run, *run->out);
             Drain(*run, *run->err);
-            end = run->end;
+            end.killed = run->escalated;  // escalated while its own process still ran
             end.signalled = info.si_code == CLD_KILLED || info.si_code == CLD_DUMPED;
             end.status = info.si_status;
             end.outOfMemory = OomKills(run->group, run->kind) > 0;
@@ -479,7 +478,6 @@ class LinuxProcessLauncher : public ProcessLauncher {
             end.stopped = run->stopping;
             end.runTime =
                 std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - run->started);
-            run->end = end;
             onEnd = std::move(run->options.onEnd);
             // A group it left processes in stays until its run is stopped.
             if (!run->stopping) TryRemove(run);
@@ -588,7 +586,6 @@ class LinuxProcessLauncher : public ProcessLauncher {
                 return;
             }
             run->escalated = true;
-            run->end.killed = !run->reaped;
             run->deadline = Clock::now() + kRemovalTimeout;
             if (run->kind == Cgroup::Kind::kV2) {
                 Cgroup::WriteText(run->group + "/cgroup.kill", "1");
@@ -606,8 +603,8 @@ class LinuxProcessLauncher : public ProcessLauncher {
 
     // Removes the run's group once its process is reaped and nothing is left in it.
     bool TryRemove(const std::shared_ptr<Run>& run) {
-        if (!run->reaped || !Members(run->group).empty()) return false;
-        // A group whose last process is still exiting refuses for a moment.
+        if (!run->reaped) return false;
+        // A group that still holds processes, or whose last one is still exiting, refuses.
         if (::rmdir(run->group.c_str()) != 0 && errno == EBUSY) return false;
         if (!run->pidsGroup.empty()) ::rmdir(run->pidsGroup.c_str());
         Forget(run);
