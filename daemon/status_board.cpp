@@ -184,8 +184,7 @@ void StatusBoard::OnOutcome(const PluginRunOutcome& outcome) {
 
 void StatusBoard::OnPool(const PoolFigures& figures) {
     std::lock_guard lock(mutex);
-    changed = changed || figures.found != pool.found || figures.problem != pool.problem ||
-              figures.childGroups != pool.childGroups || figures.peakKb != pool.peakKb;
+    changed = changed || figures != pool;
     pool = figures;
 }
 

@@ -32,6 +32,7 @@ struct PoolFigures {
     uint32_t childGroups = 0;
     uint64_t peakKb = 0;
     uint64_t childrenPeakKb = 0;
+    bool operator==(const PoolFigures&) const = default;
 };
 PoolFigures ReadPoolFigures();
 
