@@ -101,16 +101,14 @@ void InitApp(const std::string& configPath) {
     if (app.config->GetString(kLogLevelKey, levelText)) ApplyLogLevel(*app.config);
 }
 
-bool ApplyLogLevel(const Config& config) {
+void ApplyLogLevel(const Config& config) {
     std::string levelText;
     LogLevel level = LogLevel::Info;
-    bool valid = true;
     if (config.GetString(kLogLevelKey, levelText) && !ParseLevel(levelText, level)) {
         config.ReportInvalid(kLogLevelKey, levelText);
-        valid = false;
+        return;
     }
-    if (valid) Logger::sDefaultLogger->SetLevel(level);
-    return valid;
+    Logger::sDefaultLogger->SetLevel(level);
 }
 
 App& GetApp() {

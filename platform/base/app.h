@@ -27,9 +27,9 @@ const AppInfo& GetAppInfo();
 // blocks SIGTERM, SIGINT and SIGHUP in every thread started afterwards, so that only Run()
 // receives them.
 void InitApp(const std::string& configPath);
-// Sets the level of every logger from "log/level" (info when absent); false when the value
-// is not a level.
-bool ApplyLogLevel(const Config& config);
+// Sets the level of every logger from "log/level" (info when absent); a value that is not a
+// level is reported and changes nothing.
+void ApplyLogLevel(const Config& config);
 
 // What Run() does besides waiting for the stop signals.
 struct RunHooks {
