@@ -79,11 +79,7 @@ Listener::Listener(Core& core, UniqueFd fd)
     if (ec) throw IOException("Cannot adopt listening socket: " + ec.message());
 }
 
-void Listener::Start() {
-    net::post(executor, [this] { Arm(); });
-}
-
-void Listener::Resume() {
+void Listener::Wake() {
     net::post(executor, [this] { Arm(); });
 }
 
@@ -178,7 +174,7 @@ void Core::Start() {
         if (started || stopped) return;
         started = true;
     }
-    for (auto& listener : listeners) listener->Start();
+    for (auto& listener : listeners) listener->Wake();
 }
 
 bool Core::Full() {
@@ -212,7 +208,7 @@ void Core::Unregister(const Connection* connection) {
         changed.notify_all();
     }
     if (wasFull && !Stopping()) {
-        for (auto& listener : listeners) listener->Resume();
+        for (auto& listener : listeners) listener->Wake();
     }
 }
 

@@ -77,9 +77,8 @@ class Core : public std::enable_shared_from_this<Core> {
 class Listener {
   public:
     Listener(Core& core, System::UniqueFd fd);
-    void Start();
-    // Resumes accepting after a connection closed while full. Any thread.
-    void Resume();
+    // Starts accepting, or resumes after a connection closed while full. Any thread.
+    void Wake();
     // Closes the socket; returns once no accept is pending. Not on its loop.
     void Close();
 
