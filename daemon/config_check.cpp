@@ -118,13 +118,14 @@ std::vector<ConfigProblem> OverridesOfNoPlugin(const Config& config, std::set<st
     std::vector<ConfigProblem> problems;
     for (const Config::Entry& entry : config.Entries()) {
         auto kind = Classify(entry.key);
-        if (kind != Kind::Enabled && kind != Kind::Frequency && kind != Kind::PluginLogLevel)
+        if (kind != Kind::Enabled && kind != Kind::Frequency && kind != Kind::PluginLogLevel &&
+            kind != Kind::PidsMax)
             continue;
         size_t start = kOverridesPrefix.size();
         std::string name = entry.key.substr(start, entry.key.rfind('/') - start);
         if (!known.contains(name))
-            problems.push_back({entry.key, config.Origin() + ":" + std::to_string(entry.line),
-                                "no plugin description names " + name});
+            problems.push_back(
+                {entry.key, config.Where(entry), "no plugin description names " + name});
     }
     return problems;
 }
@@ -142,8 +143,7 @@ std::vector<ConfigProblem> UnknownKeys(const Config& config) {
     std::vector<ConfigProblem> problems;
     for (const Config::Entry& entry : config.Entries()) {
         if (!Classify(entry.key) && !IsEmptySection(entry))
-            problems.push_back({entry.key, config.Origin() + ":" + std::to_string(entry.line),
-                                "unknown key, ignored"});
+            problems.push_back({entry.key, config.Where(entry), "unknown key, ignored"});
     }
     return problems;
 }
@@ -152,7 +152,7 @@ std::vector<ConfigProblem> CheckConfig(const Config& config) {
     std::vector<ConfigProblem> problems;
     bool hasPort = false;
     for (const Config::Entry& entry : config.Entries()) {
-        std::string where = config.Origin() + ":" + std::to_string(entry.line);
+        std::string where = config.Where(entry);
         auto kind = Classify(entry.key);
         if (!kind && IsEmptySection(entry)) continue;
         if (!kind) {

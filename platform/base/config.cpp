@@ -190,15 +190,16 @@ const std::string& Config::Origin() const {
     return tree->origin;
 }
 
-std::string Config::Where(const std::string& key) const {
-    for (const Entry& entry : tree->entries)
-        if (entry.key == key) return tree->origin + ":" + std::to_string(entry.line);
-    return tree->origin;
+std::string Config::Where(const Entry& entry) const {
+    return tree->origin + ":" + std::to_string(entry.line);
 }
 
 void Config::ReportInvalid(const std::string& key, const std::string& text) const {
+    auto entry = std::find_if(tree->entries.begin(), tree->entries.end(),
+                              [&](const Entry& e) { return e.key == key; });
     Log(Logger::sDefaultLogger, LogLevel::Warning,
-        "Configuration key %1 has an invalid value: '%2' (%3)", key, text, Where(key));
+        "Configuration key %1 has an invalid value: '%2' (%3)", key, text,
+        entry == tree->entries.end() ? tree->origin : Where(*entry));
 }
 
 }  // namespace Pelinor::Service

@@ -31,9 +31,9 @@ class Config : public ObjectImpl {
     };
     // Every leaf element, in the order of the file.
     const std::vector<Entry>& Entries() const;
-    // The file's path ("text" for parsed text), and "<origin>:<line>" of a key.
+    // The file's path ("text" for parsed text), and "<origin>:<line>" of an entry.
     const std::string& Origin() const;
-    std::string Where(const std::string& key) const;
+    std::string Where(const Entry& entry) const;
     // Logs that `key` holds `text`, which does not convert, and where.
     void ReportInvalid(const std::string& key, const std::string& text) const;
 

@@ -72,11 +72,13 @@ TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
           "config.xml:4: pluginOverrides/rpSizeMb: '900' is outside 41 to 500: ignored\n",
           "config.xml:5: pluginOverrides/a/enabled: 'maybe' is not a boolean: ignored\n",
           "config.xml:5: pluginOverrides/dsk/loglevel: no plugin description names dsk\n",
+          "config.xml:5: pluginOverrides/dsk/pidsMax: no plugin description names dsk\n",
           "broken.json\n", "  a                       slow", "Problems found.\n"},
          {},
          "<config>\n<httpPort>99x</httpPort>\n<pluginOverides><a><enabled>no</enabled></a>"
          "</pluginOverides>\n<pluginOverrides><rpSizeMb>900</rpSizeMb>\n<a><enabled>maybe</enabled>"
-         "</a><dsk><loglevel>info</loglevel></dsk></pluginOverrides>\n</config>\n",
+         "</a><dsk><loglevel>info</loglevel><pidsMax>9</pidsMax></dsk></pluginOverrides>\n"
+         "</config>\n",
          "{\"path\": "},
     };
     for (const Row& row : rows) {
