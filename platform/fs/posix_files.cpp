@@ -27,6 +27,12 @@ std::string DirectoryOf(const std::string& path) {
     return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
 }
 
+// The hidden name beside `path` that a new version is made under before it replaces it.
+std::string HiddenSibling(const std::string& path, const char* suffix) {
+    std::string directory = DirectoryOf(path);
+    return directory + "." + path.substr(directory.size()) + suffix;
+}
+
 // A thread's spare stream buffer. The jobs of an event loop mostly run one after another,
 // so one buffer serves them in turn instead of one allocation (and release to the system)
 // per report.
@@ -150,7 +156,7 @@ class PosixFile : public File {
         }
         // A new link under a hidden name, renamed over the old one: never a moment without it.
         // A leftover at the hidden name (from a crash) is removed only when it is in the way.
-        std::string temporary = directory + "." + linkPath.substr(directory.size()) + ".lnk";
+        std::string temporary = HiddenSibling(linkPath, ".lnk");
         if (::symlink(target.c_str(), temporary.c_str()) != 0 &&
             (errno != EEXIST || ::unlink(temporary.c_str()) != 0 ||
              ::symlink(target.c_str(), temporary.c_str()) != 0)) {
@@ -204,7 +210,7 @@ void ReplaceFile(const std::string& path, std::string_view content) {
     if (!directory.empty()) std::filesystem::create_directories(directory, error);
     if (error) throw IOException("Cannot make " + directory + ": " + error.message());
     SystemFactory& factory = *SystemFactory::sInstance;
-    std::string temporary = directory + "." + path.substr(directory.size()) + ".tmp";
+    std::string temporary = HiddenSibling(path, ".tmp");
     Ref<OutputStream> stream = factory.OpenForWrite(temporary, 0);
     stream->Write(content.data(), content.size());
     stream->Close();
