@@ -3,13 +3,14 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+
+#include "platform/base/format.h"
 // The parser behind read_xml, used once more for what the tree drops: line numbers.
 #include <boost/property_tree/detail/rapidxml.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <boost/property_tree/xml_parser.hpp>
 #include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <fstream>
 #include <sstream>
 
@@ -76,11 +77,7 @@ bool Config::ParseInt(std::string_view text, int32_t& out) {
     text = Trim(text);
     if (!text.empty() && text.front() == '+') text.remove_prefix(1);
     if (text.empty() || text.front() == '+') return false;
-    int32_t value = 0;
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) return false;
-    out = value;
-    return true;
+    return ParseWhole(text, out);
 }
 
 bool Config::ParseBool(std::string_view text, bool& out) {

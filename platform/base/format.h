@@ -1,6 +1,7 @@
 // The positional formatter: "%1".."%9" replaced by typed arguments.
 #pragma once
 
+#include <charconv>
 #include <cstdint>
 #include <initializer_list>
 #include <string>
@@ -8,6 +9,17 @@
 #include <type_traits>
 
 namespace Pelinor {
+
+// Whether all of `text` is one decimal number of T's range, with no blank and no '+'. `out` is
+// set only then.
+template <typename T>
+bool ParseWhole(std::string_view text, T& out) {
+    T value{};
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size()) return false;
+    out = value;
+    return true;
+}
 
 class FormatArg {
   public:

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -16,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/format.h"
 #include "platform/base/unique_fd.h"
 #include "platform/kernel/ktab.h"
 
@@ -94,8 +94,7 @@ inline int ReadNumber(const std::string& path, uint64_t& value) {
     if (length < 0) return errno;
     const char* end = text + length;
     if (end > text && end[-1] == '\n') --end;
-    auto [stop, error] = std::from_chars(text, end, value);
-    return error == std::errc() && stop == end ? 0 : EINVAL;
+    return ParseWhole(std::string_view(text, static_cast<size_t>(end - text)), value) ? 0 : EINVAL;
 }
 
 // Writes a control file in one write, as cgroup files expect. 0 or an errno value.

@@ -31,6 +31,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "platform/base/format.h"
 #include "platform/base/logging.h"
 #include "platform/kernel/cgroup_paths.h"
 #include "platform/kernel/process.h"
@@ -81,10 +82,7 @@ bool ParsePoolArgument(char* const argv[], uint64_t& megabytes) {
     }
     std::string_view memory = request.substr(comma + 1);
     if (memory.substr(0, kMemoryField.size()) != kMemoryField) return false;
-    std::string_view digits = memory.substr(kMemoryField.size());
-    const char* end = digits.data() + digits.size();
-    auto [stop, error] = std::from_chars(digits.data(), end, megabytes);
-    return !digits.empty() && error == std::errc() && stop == end && megabytes > 0 &&
+    return ParseWhole(memory.substr(kMemoryField.size()), megabytes) && megabytes > 0 &&
            megabytes <= kLargestMegabytes;
 }
 

@@ -5,7 +5,6 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
@@ -181,10 +180,7 @@ int64_t ParseTimeScale(const char* text) {
     if (text == nullptr) return 1;
     std::string_view digits(text);
     int64_t value = 0;
-    // from_chars takes neither blanks nor '+'; a '-' gives a value below 1.
-    auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    if (digits.empty() || error != std::errc() || end != digits.data() + digits.size() ||
-        value < 1) {
+    if (!ParseWhole(digits, value) || value < 1) {
         throw InvalidArgumentException(
             Format("%1 must be a positive integer, not '%2'", kTimeScaleVariable, digits));
     }
