@@ -52,7 +52,7 @@ void TessardHandler::HandlePost(const Ref<Pelinor::Http::Request>& request,
     auto slash = url.rfind('/');
     std::string reportName = slash == std::string::npos ? url : url.substr(slash + 1);
     auto refuse = [&](ResponseCode code) {
-        if (observer) observer({reportName, code.code, 0, std::chrono::system_clock::now()});
+        Tell(observer, reportName, code.code, 0);
         response->Answer(code);
     };
     int64_t contentLength = 0;

@@ -17,4 +17,10 @@ struct ReportOutcome {
 
 using ReportOutcomeObserver = std::function<void(const ReportOutcome&)>;
 
+// Tells the observer, if there is one, that `name` was answered `code` with `size` bytes stored.
+inline void Tell(const ReportOutcomeObserver& observer, const std::string& name, int code,
+                 int64_t size) {
+    if (observer) observer({name, code, size, std::chrono::system_clock::now()});
+}
+
 }  // namespace Tessard

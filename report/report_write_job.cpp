@@ -13,16 +13,13 @@ Pelinor::Task<void> WriteReport(Ref<Pelinor::Http::Request> request,
                                 Ref<Pelinor::Http::Response> response, Ref<ReportRoller> roller,
                                 Ref<Pelinor::Service::Logger> logger,
                                 ReportOutcomeObserver observer, std::string reportName) {
-    auto tell = [&](ResponseCode code, int64_t size) {
-        if (observer) observer({reportName, code.code, size, std::chrono::system_clock::now()});
-    };
     Ref<Pelinor::System::OutputStream> stream;
     Ref<Pelinor::System::File> file;
     if (!roller->CreateTempFile(stream, file)) {
         Log(logger, LogLevel::Error, "Creation of report failed");
         // Not sent here: the response goes out with this code once it is released.
         response->SetResponseCode(ResponseCode::InternalServerError);
-        tell(ResponseCode::InternalServerError, 0);
+        Tell(observer, reportName, ResponseCode::InternalServerError.code, 0);
         co_return;
     }
 
@@ -47,7 +44,7 @@ Pelinor::Task<void> WriteReport(Ref<Pelinor::Http::Request> request,
     roller->Rotate(file);
 
     response->SetResponseCode(code);
-    tell(code, code == ResponseCode::Ok ? byteCount : 0);
+    Tell(observer, reportName, code.code, code == ResponseCode::Ok ? byteCount : 0);
     try {
         response->Send();
     } catch (const Pelinor::IOException& e) {

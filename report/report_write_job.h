@@ -21,7 +21,7 @@ Pelinor::Task<void> WriteReport(Pelinor::Ref<Pelinor::Http::Request> request,
                                 Pelinor::Ref<Pelinor::Http::Response> response,
                                 Pelinor::Ref<ReportRoller> roller,
                                 Pelinor::Ref<Pelinor::Service::Logger> logger,
-                                ReportOutcomeObserver observer = {}, std::string reportName = {});
+                                ReportOutcomeObserver observer, std::string reportName);
 
 // The queued work item. It keeps everything it touches alive until the queue destroys
 // it, and releases the references in the order roller, response, request, handler.
