@@ -104,13 +104,11 @@ std::optional<Message> Connection::RefusalOfHead(const beast::error_code& ec) {
     if (ec == bhttp::error::header_limit || ec == bhttp::error::buffer_overflow) {
         Log(core->logger, LogLevel::Verbose, "Refusing a request head over %1 bytes",
             core->limits.maxHeaderBytes);
-        const auto& code = ResponseCode::RequestHeaderFieldsTooLarge;
-        return core->MakeMessage(code.code, code.reason, 11);
+        return core->MakeMessage(ResponseCode::RequestHeaderFieldsTooLarge, 11);
     }
     if (IsParseError(ec)) {
         Log(core->logger, LogLevel::Verbose, "Refusing a malformed request: %1", ec.message());
-        return core->MakeMessage(ResponseCode::BadRequest.code, ResponseCode::BadRequest.reason,
-                                 11);
+        return core->MakeMessage(ResponseCode::BadRequest, 11);
     }
     if (ec == beast::error::timeout) {
         Log(core->logger, LogLevel::Verbose,

@@ -60,8 +60,12 @@ bool IsToken(std::string_view name) {
 
 class ResponseImpl final : public Response {
   public:
+    // Until the handler sets a code, the answer is 500.
     ResponseImpl(std::shared_ptr<Connection> connection, uint64_t exchange, unsigned version)
-        : connection(std::move(connection)), exchange(exchange), version(version) {}
+        : connection(std::move(connection)),
+          exchange(exchange),
+          message(
+              this->connection->Owner().MakeMessage(ResponseCode::InternalServerError, version)) {}
 
     ~ResponseImpl() override {
         // Nobody answered: the client still deserves one.
@@ -78,8 +82,7 @@ class ResponseImpl final : public Response {
             throw InvalidArgumentException("Invalid HTTP status " + std::to_string(c.code));
         }
         std::lock_guard lock(mutex);
-        code = c.code;
-        reason = c.reason;
+        SetCodeLocked(c);
     }
 
     void SetHeader(const std::string& name, const std::string& value) override {
@@ -89,13 +92,7 @@ class ResponseImpl final : public Response {
             throw InvalidArgumentException("Invalid response header " + name);
         }
         std::lock_guard lock(mutex);
-        auto same = [&](const auto& header) { return boost::beast::iequals(header.name, name); };
-        if (auto found = std::find_if(headers.begin(), headers.end(), same);
-            found != headers.end()) {
-            found->value = value;
-        } else {
-            headers.push_back({name, value});
-        }
+        message.set(name, value);  // replaces a header of the same name, whatever its case
     }
 
     void Send() override {
@@ -106,20 +103,20 @@ class ResponseImpl final : public Response {
     void SendFailure() {
         std::lock_guard lock(mutex);
         if (sent) return;
-        code = ResponseCode::InternalServerError.code;
-        reason = ResponseCode::InternalServerError.reason;
+        SetCodeLocked(ResponseCode::InternalServerError);
         SendLocked();
     }
 
   private:
+    void SetCodeLocked(const ResponseCode& c) {
+        message.result(static_cast<unsigned>(c.code));
+        message.reason(c.reason);
+    }
+
     void SendLocked() {
         if (sent) return;
         sent = true;
         if (connection->Gone()) throw IOException("The client connection is closed");
-        const auto& failed = ResponseCode::InternalServerError;
-        Message message = connection->Owner().MakeMessage(code.value_or(failed.code),
-                                                          code ? reason : failed.reason, version);
-        for (const auto& header : headers) message.set(header.name, header.value);
         // On the connection's own loop this delivers at once; from elsewhere it is queued there.
         boost::asio::dispatch(connection->Executor(), [connection = connection, exchange = exchange,
                                                        message = std::move(message)]() mutable {
@@ -129,11 +126,8 @@ class ResponseImpl final : public Response {
 
     const std::shared_ptr<Connection> connection;
     const uint64_t exchange;
-    const unsigned version;
     std::mutex mutex;  // guards what follows: the handler and its job may both hold the response
-    std::optional<int> code;
-    std::string reason;
-    std::vector<ResponseHeaderDefinition> headers;
+    Message message;
     bool sent = false;
 };
 

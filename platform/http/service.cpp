@@ -158,11 +158,11 @@ Ref<RequestHandler> Core::GetHandler() {
     return handler;
 }
 
-Message Core::MakeMessage(int code, std::string_view reason, unsigned version) const {
+Message Core::MakeMessage(const ResponseCode& code, unsigned version) const {
     Message message;
     message.version(version);
-    message.result(static_cast<unsigned>(code));
-    message.reason(reason);
+    message.result(static_cast<unsigned>(code.code));
+    message.reason(code.reason);
     for (const auto& header : headers) message.set(header.name, header.value);
     message.content_length(0);
     return message;

@@ -50,7 +50,7 @@ class Core : public std::enable_shared_from_this<Core> {
     bool Stopping() const { return stopping.load(std::memory_order_relaxed); }
 
     // An answer with the service's default headers.
-    Message MakeMessage(int code, std::string_view reason, unsigned version) const;
+    Message MakeMessage(const ResponseCode& code, unsigned version) const;
 
     const Ref<Service::Logger> logger;
     const std::vector<ResponseHeaderDefinition> headers;
