@@ -3,7 +3,6 @@
 #pragma once
 
 #include <boost/asio/any_io_executor.hpp>
-#include <cstddef>
 
 namespace Pelinor::System {
 
@@ -17,7 +16,6 @@ class EventLoops {
     // The calling thread's loop; Next() when the caller runs on none (tests, start-up).
     virtual boost::asio::any_io_executor Current() = 0;
     virtual bool OnLoopThread() const = 0;
-    virtual size_t Size() const = 0;
 };
 
 }  // namespace Pelinor::System

@@ -49,7 +49,6 @@ class Loops final : public EventLoops {
     }
     net::any_io_executor Current() override { return tCurrent ? tCurrent->get_executor() : Next(); }
     bool OnLoopThread() const override { return tCurrent != nullptr; }
-    size_t Size() const override { return loops.size(); }
 
   private:
     struct Loop {
