@@ -223,6 +223,7 @@ struct Run {
     bool reaped = false;
     bool stopping = false;
     bool escalated = false;      // SIGKILL sent
+    bool groupKilled = false;    // by cgroup.kill (v2, Linux 5.14 on), which needs no walk
     Clock::time_point deadline;  // of the grace, then of the removal
     std::unique_ptr<net::steady_timer> timer;
 };
@@ -585,12 +586,11 @@ class LinuxProcessLauncher : public ProcessLauncher {
             }
             run->escalated = true;
             run->deadline = Clock::now() + kRemovalTimeout;
-            if (run->kind == Cgroup::Kind::kV2) {
-                Cgroup::WriteText(run->group + "/cgroup.kill", "1");
-            }
+            run->groupKilled = run->kind == Cgroup::Kind::kV2 &&
+                               Cgroup::WriteText(run->group + "/cgroup.kill", "1") == 0;
         }
-        // v1 cannot kill a whole group at once: its members are walked until none is left.
-        if (run->escalated) SignalMembers(run->group, SIGKILL);
+        // Without cgroup.kill a group's members are walked until none is left.
+        if (run->escalated && !run->groupKilled) SignalMembers(run->group, SIGKILL);
         run->timer->expires_after(kStopPoll);
         run->timer->async_wait([this, run](const boost::system::error_code& error) {
             if (error) return;
