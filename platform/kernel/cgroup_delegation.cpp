@@ -23,8 +23,6 @@ using Service::Log;
 using Service::Logger;
 using Service::LogLevel;
 
-constexpr const char* kUnifiedMount = "/sys/fs/cgroup";
-constexpr const char* kRootVariable = "TESSARD_CGROUP_ROOT";
 // The daemon's own leaf: v2 lets only leaves hold processes once controllers are handed down.
 constexpr const char* kDaemonLeaf = "daemon";
 // The whole pool's cap when the daemon makes it; the operator may lower it while it runs.
@@ -66,7 +64,7 @@ int HandDown(const std::string& group) {
     return 0;
 }
 
-int Adopt(const std::string& own, std::string& poolRoot) {
+int Adopt(const std::string& own) {
     std::string leaf = own + "/" + kDaemonLeaf;
     if (int error = MakeGroup(leaf)) return error;
     if (int error = Cgroup::WriteText(leaf + "/cgroup.procs", "0")) return error;
@@ -85,35 +83,31 @@ int Adopt(const std::string& own, std::string& poolRoot) {
     if (std::string text; cap >> text && text == "max") {
         Cgroup::WriteText(group + "/memory.max", std::to_string(kPoolCapBytes));
     }
-    poolRoot = own;
     return 0;
 }
 
 }  // namespace
 
-std::string AdoptDelegatedCgroup() {
-    const char* chosen = std::getenv(kRootVariable);
-    if (chosen != nullptr && *chosen != '\0') return {};
-    if (!Cgroup::Exists(std::string(kUnifiedMount) + "/cgroup.controllers")) return {};
+void AdoptDelegatedCgroup() {
+    const char* chosen = std::getenv(Cgroup::kRootVariable);
+    if (chosen != nullptr && *chosen != '\0') return;
+    if (!Cgroup::Exists(std::string(Cgroup::kUnifiedMount) + "/cgroup.controllers")) return;
     std::string relative = OwnGroup();
-    if (relative.empty() || relative == "/") return {};
-    std::string own = kUnifiedMount + relative;
+    if (relative.empty() || relative == "/") return;
+    std::string own = Cgroup::kUnifiedMount + relative;
     // A leaf of our own already (a restart in place): the delegated group is its parent.
     if (std::string leaf = std::string("/") + kDaemonLeaf; own.ends_with(leaf)) {
         own.resize(own.size() - leaf.size());
     }
-    if (!Delegated(own)) return {};
-    std::string poolRoot;
-    if (int error = Adopt(own, poolRoot)) {
+    if (!Delegated(own)) return;
+    if (int error = Adopt(own)) {
         Log(Logger::sDefaultLogger, LogLevel::Error,
             "Cannot keep the plugin pool in the delegated group %1: %2", own, std::strerror(error));
-        return {};
+        return;
     }
     // Every later lookup of the pool, the daemon's and its tests', goes through the variable.
-    ::setenv(kRootVariable, poolRoot.c_str(), 1);
-    Log(Logger::sDefaultLogger, LogLevel::Info, "Plugin pool kept in the delegated group %1",
-        poolRoot);
-    return poolRoot;
+    ::setenv(Cgroup::kRootVariable, own.c_str(), 1);
+    Log(Logger::sDefaultLogger, LogLevel::Info, "Plugin pool kept in the delegated group %1", own);
 }
 
 }  // namespace Pelinor::System

@@ -28,9 +28,14 @@ struct Hierarchy {
     Kind kind = Kind::kV2;
 };
 
+// The hierarchy's mount, and the variable that puts it elsewhere (a delegated group, tests).
+inline constexpr const char* kUnifiedMount = "/sys/fs/cgroup";
+inline constexpr const char* kRootVariable = "TESSARD_CGROUP_ROOT";
+
 // The pool's place below the hierarchy, and the name plugins ask for it by.
 using Ktab::kPoolPath;
-inline constexpr std::string_view kPoolName = "tessard-plugins";
+inline constexpr std::string_view kPoolName =
+    std::string_view(kPoolPath).substr(std::string_view(kPoolPath).rfind('/') + 1);
 
 inline bool Exists(const std::string& path) {
     return ::access(path.c_str(), F_OK) == 0;
@@ -39,8 +44,8 @@ inline bool Exists(const std::string& path) {
 // Reads $TESSARD_CGROUP_ROOT (default /sys/fs/cgroup) on every call, so a new value takes
 // effect at once. False when neither the root nor its memory/ child can cap memory.
 inline bool FindHierarchy(Hierarchy& out) {
-    const char* variable = std::getenv("TESSARD_CGROUP_ROOT");
-    std::string root = variable != nullptr && *variable != '\0' ? variable : "/sys/fs/cgroup";
+    const char* variable = std::getenv(kRootVariable);
+    std::string root = variable != nullptr && *variable != '\0' ? variable : kUnifiedMount;
     while (root.size() > 1 && root.back() == '/') root.pop_back();
     if (Exists(root + "/cgroup.controllers")) {
         out = {root, Kind::kV2};

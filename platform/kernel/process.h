@@ -64,7 +64,7 @@ class ProcessLauncher {
 // Delegate=yes), moves the daemon into a leaf of that group and makes the resource pool
 // inside it, so that nothing is written outside the delegated subtree. Elsewhere, or when
 // $TESSARD_CGROUP_ROOT names the hierarchy, does nothing. Call before any thread that
-// reads the environment starts. Returns the pool's hierarchy when it made one, else "".
-std::string AdoptDelegatedCgroup();
+// reads the environment starts.
+void AdoptDelegatedCgroup();
 
 }  // namespace Pelinor::System
