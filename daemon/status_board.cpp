@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include "platform/base/format.h"
 #include "report/report_roller.h"
 
 namespace Tessard {
@@ -26,7 +27,9 @@ double Seconds(Clock::time_point at) {
 void Time(Writer& json, const char* key, const std::optional<Clock::time_point>& at) {
     json.Key(key);
     if (at) {
-        json.String(FormatUtc(*at).c_str());
+        std::string text;
+        Pelinor::AppendUtc(text, *at);
+        json.String(text.c_str());
     } else {
         json.Null();
     }
@@ -80,19 +83,6 @@ class Metrics {
 };
 
 }  // namespace
-
-std::string FormatUtc(Clock::time_point at) {
-    using namespace std::chrono;
-    auto seconds = floor<std::chrono::seconds>(at);
-    auto day = floor<days>(seconds);
-    year_month_day date(day);
-    hh_mm_ss time(seconds - day);
-    char text[32];
-    std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02ld:%02ld:%02ldZ", int(date.year()),
-                  unsigned(date.month()), unsigned(date.day()), long(time.hours().count()),
-                  long(time.minutes().count()), long(time.seconds().count()));
-    return text;
-}
 
 const char* EndName(PluginEnd end) {
     switch (end) {

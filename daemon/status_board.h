@@ -71,8 +71,6 @@ class StatusBoard {
     bool changed = true;
 };
 
-// "2026-11-22T23:40:00Z"
-std::string FormatUtc(Clock::time_point at);
 // Lower-case name of how a run ended, as the status and the metrics show it.
 const char* EndName(PluginEnd end);
 // The exit status a shell would show: 128 + signal for ends by a signal, -1 when the

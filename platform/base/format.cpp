@@ -1,6 +1,7 @@
 #include "platform/base/format.h"
 
 #include <charconv>
+#include <cstdio>
 
 namespace Pelinor {
 
@@ -36,6 +37,25 @@ std::string FormatPositional(std::string_view format, std::initializer_list<Form
         }
     }
     return out;
+}
+
+void AppendUtc(std::string& out, std::chrono::system_clock::time_point at, bool milliseconds) {
+    using namespace std::chrono;
+    auto ms = floor<std::chrono::milliseconds>(at);
+    auto day = floor<days>(ms);
+    year_month_day date(day);
+    hh_mm_ss time(ms - day);
+    char text[32];
+    int length =
+        std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02ld:%02ld:%02ld", int(date.year()),
+                      unsigned(date.month()), unsigned(date.day()), long(time.hours().count()),
+                      long(time.minutes().count()), long(time.seconds().count()));
+    if (milliseconds) {
+        std::snprintf(text + length, sizeof text - static_cast<size_t>(length), ".%03ld",
+                      long(time.subseconds().count()));
+    }
+    out += text;
+    out += 'Z';
 }
 
 }  // namespace Pelinor

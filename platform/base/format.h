@@ -2,6 +2,7 @@
 #pragma once
 
 #include <charconv>
+#include <chrono>
 #include <cstdint>
 #include <initializer_list>
 #include <string>
@@ -46,6 +47,10 @@ class FormatArg {
     bool isNumber = false;
     bool isUnsigned = false;
 };
+
+// Appends "2026-11-22T23:40:00Z", or "2026-11-22T23:40:00.123Z" with milliseconds.
+void AppendUtc(std::string& out, std::chrono::system_clock::time_point at,
+               bool milliseconds = false);
 
 // Unknown or missing placeholders are copied as they stand; "%%" gives "%".
 std::string FormatPositional(std::string_view format, std::initializer_list<FormatArg> args);

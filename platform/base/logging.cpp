@@ -4,9 +4,9 @@
 
 #include <array>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
-#include <ctime>
+
+#include "platform/base/format.h"
 
 namespace Pelinor::Service {
 
@@ -27,7 +27,7 @@ class StderrSink : public LogSink {
             line += static_cast<char>('0' + static_cast<int>(level));
             line += '>';
         } else {
-            AppendTimestamp(line);
+            AppendUtc(line, std::chrono::system_clock::now(), /*milliseconds=*/true);
             line += ' ';
             line += LevelName(level);
             line += ' ';
@@ -45,19 +45,6 @@ class StderrSink : public LogSink {
     }
 
   private:
-    static void AppendTimestamp(std::string& out) {
-        auto now = std::chrono::system_clock::now();
-        auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch());
-        std::time_t seconds = static_cast<std::time_t>(ms.count() / 1000);
-        std::tm utc{};
-        gmtime_r(&seconds, &utc);
-        char text[64];
-        std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900,
-                      utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-                      static_cast<int>(ms.count() % 1000));
-        out += text;
-    }
-
     const bool journal;
 };
 
