@@ -166,10 +166,9 @@ int main(int argc, char** argv) {
 
         // Plugins are scheduled only once the endpoint they report to is serving.
         auto launcher = Tessard::PluginLauncher::GetInstance();
-        launcher->SetScheduleObserver(
-            {[&board](const auto& plans) { board.OnScheduled(plans); },
-             [&board](const auto& name, auto at) { board.OnStarted(name, at); }});
-        launcher->SetOutcomeObserver([&board](const auto& outcome) { board.OnOutcome(outcome); });
+        launcher->SetObserver({[&board](const auto& plans) { board.OnScheduled(plans); },
+                               [&board](const auto& name, auto at) { board.OnStarted(name, at); },
+                               [&board](const auto& outcome) { board.OnOutcome(outcome); }});
         launcher->Init();
         configuration.Reset();  // a reload replaces it
 

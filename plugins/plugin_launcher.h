@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -46,11 +45,8 @@ class PluginLauncher : public std::enable_shared_from_this<PluginLauncher> {
     // What is scheduled now, fast plugins first.
     std::vector<PluginPlan> Plans() const;
 
-    // Set before Init; called on the scheduler's thread.
-    void SetScheduleObserver(PluginScheduleObserver observer);
-    // Who hears how every run ended, launch failures included: one call per run, on the
-    // event loop. May be set from any thread, before or after Init.
-    void SetOutcomeObserver(PluginOutcomeObserver observer);
+    // Set before Init.
+    void SetObserver(PluginObserver newObserver);
     // For the daemon's stop: no batch runs any more, and every plugin's group is stopped.
     // Blocks until they are gone, for a bounded time.
     void Stop();
@@ -87,10 +83,8 @@ class PluginLauncher : public std::enable_shared_from_this<PluginLauncher> {
     std::unique_ptr<PluginCategory> slowCategory;
     // Bumped by Reload: callbacks armed before it do nothing when they fire.
     uint64_t generation = 0;
-    PluginScheduleObserver scheduleObserver;
+    PluginObserver observer;
     bool stopping = false;  // the daemon stops: on the event loop only
-    std::mutex observerMutex;
-    PluginOutcomeObserver observer;
 };
 
 }  // namespace Tessard

@@ -142,12 +142,7 @@ void PluginLauncher::Report(const PluginRunOutcome& outcome, const std::string& 
         Log(logger, level, "Plugin %1 %2 (ran %3)", outcome.name, what,
             Format("%1 ms, peak memory %2 KB", outcome.runTime.count(), outcome.peakMemoryKb));
     }
-    PluginOutcomeObserver current;
-    {
-        std::lock_guard lock(observerMutex);
-        current = observer;
-    }
-    if (current) current(outcome);
+    if (observer.ended) observer.ended(outcome);
 }
 
 }  // namespace Tessard

@@ -65,7 +65,7 @@ void PluginLauncher::ScheduleAll() {
     ScheduleLaunches(fastCategory);
     Log(logger, LogLevel::Info, "About to schedule slow plugins");
     ScheduleLaunches(slowCategory);
-    if (scheduleObserver.scheduled) scheduleObserver.scheduled(Plans());
+    if (observer.scheduled) observer.scheduled(Plans());
 }
 
 bool PluginLauncher::Reload() {
@@ -116,12 +116,7 @@ std::vector<PluginPlan> PluginLauncher::Plans() const {
     return plans;
 }
 
-void PluginLauncher::SetScheduleObserver(PluginScheduleObserver observer) {
-    scheduleObserver = std::move(observer);
-}
-
-void PluginLauncher::SetOutcomeObserver(PluginOutcomeObserver newObserver) {
-    std::lock_guard lock(observerMutex);
+void PluginLauncher::SetObserver(PluginObserver newObserver) {
     observer = std::move(newObserver);
 }
 
@@ -193,8 +188,7 @@ void PluginLauncher::ScheduleEachBatch(unsigned long batchIndex, unsigned long f
         for (; k < category->batchSize && firstPlugin + k < plugins.size(); ++k) {
             std::shared_ptr<Plugin> plugin = plugins[firstPlugin + k];
             Log(logger, LogLevel::Trivia, "About to launch plugin %1 in the batch", plugin->name);
-            if (scheduleObserver.started)
-                scheduleObserver.started(plugin->name, std::chrono::system_clock::now());
+            if (observer.started) observer.started(plugin->name, std::chrono::system_clock::now());
             LaunchPlugin(plugin, category->trackedPids);
         }
         if (k < category->batchSize) Log(logger, LogLevel::Trivia, "Reached end of plugin list");

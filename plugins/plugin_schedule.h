@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "plugins/plugin_outcome.h"
+
 namespace Tessard {
 
 struct PluginPlan {
@@ -18,11 +20,15 @@ struct PluginPlan {
     uint32_t memoryLimitMb = 0;
 };
 
-struct PluginScheduleObserver {
-    // The whole schedule, after start-up and after every reload.
-    std::function<void(const std::vector<PluginPlan>&)> scheduled;
-    // A batch is about to launch the plugin.
-    std::function<void(const std::string& name, std::chrono::system_clock::time_point at)> started;
+// Who hears what the launcher does. Set before Init, never changed afterwards.
+struct PluginObserver {
+    // The whole schedule, after start-up and after every reload; on the scheduler's thread.
+    std::function<void(const std::vector<PluginPlan>&)> scheduled{};
+    // A batch is about to launch the plugin; on the scheduler's thread.
+    std::function<void(const std::string& name, std::chrono::system_clock::time_point at)>
+        started{};
+    // How a run ended, launch failures included: one call per run, on the event loop.
+    PluginOutcomeObserver ended{};
 };
 
 // The resource pool as the kernel's system information shows it.

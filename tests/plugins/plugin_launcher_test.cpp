@@ -229,8 +229,9 @@ class PluginLauncherTest : public testing::Test {
                      R"({"path": ")" + name + R"(.sh", "frequency": ")" + frequency + R"("})");
         }
     }
-    std::shared_ptr<Tessard::PluginLauncher> Start() {
+    std::shared_ptr<Tessard::PluginLauncher> Start(Tessard::PluginObserver observer = {}) {
         auto launcher = std::make_shared<Tessard::PluginLauncher>();
+        launcher->SetObserver(std::move(observer));
         launcher->Init();
         return launcher;
     }
@@ -370,9 +371,8 @@ TEST_F(PluginLauncherTest, BatchesAreSpreadOverTheirPeriodAndEachStopsItsPredece
 
 TEST_F(PluginLauncherTest, EveryRunEndsInOneLineNamingThePlugin) {
     DescribePlugins(1, "fast");
-    auto launcher = Start();
     std::vector<Tessard::PluginRunOutcome> seen;
-    launcher->SetOutcomeObserver([&](const Tessard::PluginRunOutcome& o) { seen.push_back(o); });
+    auto launcher = Start({.ended = [&](const auto& outcome) { seen.push_back(outcome); }});
     // One batch every 300 s from 30 s on; each row ends (or stops) the run of its batch.
     // The kernel's own verdicts (exit 3, out of memory, SIGKILL after the grace) are seen
     // end to end.
