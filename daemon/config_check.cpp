@@ -96,13 +96,10 @@ std::string ValueProblem(Kind kind, const std::string& value) {
     return "";
 }
 
-// Problems of the plugin descriptions, as the launcher logs them, and the plugins that the
-// configuration disables.
+// Problems of the plugin descriptions, as the launcher logs them.
 class ProblemSink : public Pelinor::Service::LogSink {
   public:
     void Write(LogLevel level, std::string_view logger, std::string_view message) override {
-        constexpr std::string_view kDisabled = "Plugin disabled by configuration: ";
-        if (message.starts_with(kDisabled)) disabled.emplace(message.substr(kDisabled.size()));
         if (level > LogLevel::Warning) return;
         // The configuration's own problems are listed with their lines already.
         if (message.starts_with("Configur") || message.starts_with("httpPort not present")) return;
@@ -110,11 +107,11 @@ class ProblemSink : public Pelinor::Service::LogSink {
                         std::string(logger) + ": " + std::string(message));
     }
     std::vector<std::string> lines;
-    std::set<std::string> disabled;
 };
 
 // Overrides of a plugin that no description names: usually a misspelt name.
-std::vector<ConfigProblem> OverridesOfNoPlugin(const Config& config, std::set<std::string> known) {
+std::vector<ConfigProblem> OverridesOfNoPlugin(const Config& config,
+                                               const std::set<std::string>& known) {
     std::vector<ConfigProblem> problems;
     for (const Config::Entry& entry : config.Entries()) {
         auto kind = Classify(entry.key);
@@ -165,7 +162,8 @@ std::vector<ConfigProblem> CheckConfig(const Config& config) {
     }
     if (!hasPort) {
         problems.push_back({kHttpPortKey, config.Origin(),
-                            "absent: the default 9996 is used and logged as an error"});
+                            Pelinor::Format("absent: the default %1 is used and logged as an error",
+                                            kDefaultHttpPort)});
     }
     return problems;
 }
@@ -191,7 +189,7 @@ int RunConfigCheck(std::ostream& out) {
     std::vector<PluginPlan> plans = launcher->Plans();
 
     std::vector<ConfigProblem> problems = CheckConfig(*config);
-    std::set<std::string> known = sink.disabled;
+    std::set<std::string> known = launcher->Disabled();
     for (const PluginPlan& plan : plans) known.insert(plan.name);
     for (ConfigProblem& problem : OverridesOfNoPlugin(*config, known))
         problems.push_back(std::move(problem));

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,8 @@ class PluginLauncher : public std::enable_shared_from_this<PluginLauncher> {
     bool Reload();
     // What is scheduled now, fast plugins first.
     std::vector<PluginPlan> Plans() const;
+    // Plugins described but disabled by the configuration, as of the last Load.
+    const std::set<std::string>& Disabled() const { return disabled; }
 
     // Set before Init.
     void SetObserver(PluginObserver newObserver);
@@ -83,6 +86,7 @@ class PluginLauncher : public std::enable_shared_from_this<PluginLauncher> {
     std::unique_ptr<PluginCategory> slowCategory;
     // Bumped by Reload: callbacks armed before it do nothing when they fire.
     uint64_t generation = 0;
+    std::set<std::string> disabled;
     PluginObserver observer;
     bool stopping = false;  // the daemon stops: on the event loop only
 };

@@ -119,6 +119,7 @@ void PluginLauncher::LoadPluginConfigurations() {
         Log(logger, LogLevel::Trivia, "Successfully parsed %1", path);
         if (!configuration.enabled) {
             Log(logger, LogLevel::Info, "Plugin disabled by configuration: %1", configuration.name);
+            disabled.insert(configuration.name);
             continue;
         }
         auto plugin = std::make_shared<Plugin>(configuration);

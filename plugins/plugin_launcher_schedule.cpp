@@ -47,6 +47,7 @@ void PluginLauncher::Load() {
         PluginCategory{kFastBatchSize, fastTimePeriodMin * 60, kFastDelay, kFastDelay, {}, {}, {}});
     slowCategory = std::make_unique<PluginCategory>(
         PluginCategory{kSlowBatchSize, kSlowPeriod, kSlowDelay, kSlowDelay, {}, {}, {}});
+    disabled.clear();
     LoadPluginConfigurations();
 
     // A whole cycle of fast batches must fit in one fast period.

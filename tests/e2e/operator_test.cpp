@@ -59,11 +59,12 @@ TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
          "<config><httpPort>1</config"},
         {{check},
          0,
-         {"Configuration ", "  a                       slow      300s      60s        40 MiB\n",
-          "  b                       fast      300s      30s        40 MiB\n", "No problems.\n"},
+         {"Configuration ", "  a                       fast      300s      30s        40 MiB\n",
+          "No problems.\n"},
          {},
-         "<config>\n<httpPort>9996</httpPort>\n<pluginOverrides><b><frequency>Fastest</frequency>"
-         "</b></pluginOverrides>\n</config>\n"},
+         // A disabled plugin's overrides name a plugin all the same.
+         "<config>\n<httpPort>9996</httpPort>\n<pluginOverrides><a><frequency>Fastest</frequency>"
+         "</a><b><enabled>no</enabled></b></pluginOverrides>\n</config>\n"},
         {{check},
          1,
          {"Configuration ",
