@@ -31,7 +31,7 @@ class Loops final : public EventLoops {
         size_t count = std::max(kMinLoops, std::thread::hardware_concurrency());
         for (size_t i = 0; i < count; ++i) loops.push_back(std::make_unique<Loop>());
         for (auto& loop : loops) {
-            loop->thread = std::thread([this, context = &loop->context] {
+            loop->thread = std::thread([context = &loop->context] {
                 tCurrent = context;
                 Drive(*context);
             });
