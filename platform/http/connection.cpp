@@ -38,9 +38,11 @@ bool IsParseError(const beast::error_code& ec) {
 
 }  // namespace
 
-Connection::Connection(std::shared_ptr<Core> owner, tcp::socket socket)
+Connection::Connection(std::shared_ptr<Core> owner, tcp::socket socket,
+                       std::optional<uint32_t> clientUid)
     : core(std::move(owner)),
       executor(socket.get_executor()),
+      clientUid(clientUid),
       stream(std::move(socket)),
       buffer(core->limits.maxHeaderBytes + kHeadSlack),
       wakeup(executor) {}
@@ -128,8 +130,9 @@ Task<bool> Connection::Exchange() {
     {
         auto length = parser->content_length();
         auto self = shared_from_this();
-        auto request = MakeRequest(self, current, head,
-                                   length ? std::optional<uint64_t>(*length) : std::nullopt);
+        auto request =
+            MakeRequest(self, current, head,
+                        length ? std::optional<uint64_t>(*length) : std::nullopt, clientUid);
         Ref<Response> response = MakeResponse(self, current, version);
         Dispatch(request, response);
     }  // a response released unanswered has delivered its code by now

@@ -18,7 +18,8 @@ namespace Pelinor::Http {
 
 class Connection : public std::enable_shared_from_this<Connection> {
   public:
-    Connection(std::shared_ptr<Core> core, boost::asio::ip::tcp::socket socket);
+    Connection(std::shared_ptr<Core> core, boost::asio::ip::tcp::socket socket,
+               std::optional<uint32_t> clientUid);
 
     // Serves until the client leaves, a time-out passes or the service stops.
     static Task<void> Run(std::shared_ptr<Connection> self);
@@ -49,6 +50,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     // Keeps the loop's state alive while any socket or timer of the connection exists.
     const std::shared_ptr<Core> core;
     const boost::asio::any_io_executor executor;
+    const std::optional<uint32_t> clientUid;
     boost::beast::tcp_stream stream;
     boost::beast::flat_buffer buffer;
     std::unique_ptr<Parser> parser;  // one exchange's; none while idle

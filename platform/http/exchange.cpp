@@ -18,13 +18,15 @@ namespace bhttp = boost::beast::http;
 class RequestImpl final : public Request {
   public:
     RequestImpl(std::shared_ptr<Connection> connection, uint64_t exchange,
-                const bhttp::request_header<>& head, std::optional<uint64_t> length)
+                const bhttp::request_header<>& head, std::optional<uint64_t> length,
+                std::optional<uint32_t> clientUid)
         : connection(std::move(connection)),
           exchange(exchange),
           method(head.method_string()),
           url(head.target()),
           contentType(head[bhttp::field::content_type]),
-          length(length) {}
+          length(length),
+          clientUid(clientUid) {}
 
     std::string GetMethod() const override { return method; }
     void GetContentType(std::string& out) const override { out = contentType; }
@@ -35,6 +37,7 @@ class RequestImpl final : public Request {
             *length, static_cast<uint64_t>(std::numeric_limits<int64_t>::max())));
         return true;
     }
+    std::optional<uint32_t> GetClientUid() const override { return clientUid; }
     Task<int64_t> Read(char* buffer, size_t size) override {
         return connection->ReadBody(exchange, buffer, size);
     }
@@ -46,6 +49,7 @@ class RequestImpl final : public Request {
     const std::string url;
     const std::string contentType;
     const std::optional<uint64_t> length;
+    const std::optional<uint32_t> clientUid;
 };
 
 bool IsToken(std::string_view name) {
@@ -132,8 +136,9 @@ class ResponseImpl final : public Response {
 };
 
 Ref<Request> MakeRequest(std::shared_ptr<Connection> connection, uint64_t exchange,
-                         const bhttp::request_header<>& head, std::optional<uint64_t> length) {
-    return MakeRef<RequestImpl>(std::move(connection), exchange, head, length);
+                         const bhttp::request_header<>& head, std::optional<uint64_t> length,
+                         std::optional<uint32_t> clientUid) {
+    return MakeRef<RequestImpl>(std::move(connection), exchange, head, length, clientUid);
 }
 
 Ref<Response> MakeResponse(std::shared_ptr<Connection> connection, uint64_t exchange,

@@ -4,6 +4,7 @@ namespace Pelinor::Http {
 
 const ResponseCode ResponseCode::Ok{200, "OK"};
 const ResponseCode ResponseCode::BadRequest{400, "Bad Request"};
+const ResponseCode ResponseCode::Forbidden{403, "Forbidden"};
 const ResponseCode ResponseCode::MethodNotAllowed{405, "Method Not Allowed"};
 const ResponseCode ResponseCode::LengthRequired{411, "Length Required"};
 const ResponseCode ResponseCode::RequestEntityTooLarge{413, "Payload Too Large"};

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,6 +37,7 @@ struct ResponseCode {
 
     static const ResponseCode Ok;
     static const ResponseCode BadRequest;
+    static const ResponseCode Forbidden;
     static const ResponseCode MethodNotAllowed;
     static const ResponseCode LengthRequired;
     static const ResponseCode RequestEntityTooLarge;
@@ -53,6 +55,9 @@ class Request : public ObjectImpl {
     virtual std::string GetUrl() const = 0;
     // Whether the request declares a Content-Length; fills `length` if so.
     virtual bool GetContentLength(int64_t& length) const = 0;
+    // The user owning the client's socket, as the kernel told it when the connection was
+    // accepted; none when it could not say. Nothing the client sends changes it.
+    virtual std::optional<uint32_t> GetClientUid() const = 0;
     // Reads up to `size` bytes of the body; -1 once it has ended. Bytes already received
     // come back without suspending; otherwise the caller suspends until more arrive. Throws
     // IOException when the client stalls past the time-out or goes away. Call it on the

@@ -77,6 +77,9 @@ Listener::Listener(Core& core, UniqueFd fd)
     fd.Release();
     acceptor.non_blocking(true, ec);
     if (ec) throw IOException("Cannot adopt listening socket: " + ec.message());
+    if (!identity.Usable()) {
+        Log(core.logger, LogLevel::Warning, "Cannot learn who connects: %1", identity.Problem());
+    }
 }
 
 void Listener::Wake() {
@@ -102,7 +105,9 @@ void Listener::Arm() {
         UniqueFd fd(
             ::accept4(acceptor.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (fd) {
-            core.Open(std::move(fd), protocol);
+            // Asked at once: the longer the wait, the likelier the client has closed its end.
+            auto clientUid = identity.UidOfPeer(fd.Get());
+            core.Open(std::move(fd), protocol, clientUid);
             continue;
         }
         if (errno == EINTR || errno == ECONNABORTED || errno == EPROTO) continue;
@@ -182,7 +187,7 @@ bool Core::Full() {
     return connections.size() >= limits.maxConnections;
 }
 
-void Core::Open(UniqueFd fd, const tcp& protocol) {
+void Core::Open(UniqueFd fd, const tcp& protocol, std::optional<uint32_t> clientUid) {
     auto executor = EventLoops::Get().Next();
     tcp::socket socket(executor);
     boost::system::error_code ec;
@@ -191,7 +196,8 @@ void Core::Open(UniqueFd fd, const tcp& protocol) {
     fd.Release();
     // Connections share ownership of the core, never the reverse: a request may outlive
     // the service.
-    auto connection = std::make_shared<Connection>(shared_from_this(), std::move(socket));
+    auto connection =
+        std::make_shared<Connection>(shared_from_this(), std::move(socket), clientUid);
     {
         std::lock_guard lock(mutex);
         connections.emplace(connection.get(), connection);

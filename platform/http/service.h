@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/http/http.h"
+#include "platform/http/peer_identity.h"
 
 namespace Pelinor::Http {
 
@@ -42,8 +43,10 @@ class Core : public std::enable_shared_from_this<Core> {
     void Start();
     void Stop();
 
-    // A new socket from a listener: becomes a connection on one of the event loops.
-    void Open(System::UniqueFd fd, const boost::asio::ip::tcp& protocol);
+    // A new socket from a listener, whose client the kernel said is `clientUid`: becomes a
+    // connection on one of the event loops.
+    void Open(System::UniqueFd fd, const boost::asio::ip::tcp& protocol,
+              std::optional<uint32_t> clientUid);
     // Called by a connection as its life ends.
     void Unregister(const Connection* connection);
     bool Full();
@@ -91,13 +94,14 @@ class Listener {
     boost::asio::ip::tcp protocol;
     boost::asio::ip::tcp::acceptor acceptor;
     boost::asio::steady_timer retry;
+    PeerIdentity identity;  // asked once per accepted connection
     bool waiting = false;
     bool retryPending = false;
 };
 
 Ref<Request> MakeRequest(std::shared_ptr<Connection> connection, uint64_t exchange,
                          const boost::beast::http::request_header<>& head,
-                         std::optional<uint64_t> contentLength);
+                         std::optional<uint64_t> contentLength, std::optional<uint32_t> clientUid);
 // The answer of an exchange, delivered to its connection when sent or released.
 Ref<Response> MakeResponse(std::shared_ptr<Connection> connection, uint64_t exchange,
                            unsigned version);

@@ -64,6 +64,7 @@ class FakeRequest : public Pelinor::Http::Request {
           contentType(std::move(contentType)) {}
 
     std::optional<int64_t> declaredLength;  // none, as in a chunked request
+    std::optional<uint32_t> clientUid;      // none: the kernel could not say
     size_t piece = 0;                       // when set, each read suspends, then gives <= piece
     size_t failAfter = SIZE_MAX;            // reads throw IOException past this many bytes
     std::atomic<size_t> bytesRead{0};
@@ -75,6 +76,7 @@ class FakeRequest : public Pelinor::Http::Request {
         length = declaredLength.value_or(0);
         return declaredLength.has_value();
     }
+    std::optional<uint32_t> GetClientUid() const override { return clientUid; }
     Pelinor::Task<int64_t> Read(char* buffer, size_t size) override;
 
   private:
