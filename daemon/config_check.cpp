@@ -9,6 +9,8 @@
 #include <set>
 
 #include "http/endpoint.h"
+#include "http/writer_policy.h"
+#include "platform/base/accounts.h"
 #include "platform/base/app.h"
 #include "platform/base/format.h"
 #include "plugins/plugin_launcher.h"
@@ -29,7 +31,9 @@ enum class Kind {
     Enabled,
     Frequency,
     PluginLogLevel,
-    PidsMax
+    PidsMax,
+    Writers,
+    PluginUser
 };
 
 std::optional<Kind> Classify(const std::string& key) {
@@ -38,6 +42,8 @@ std::optional<Kind> Classify(const std::string& key) {
     if (key == kTextfileDirKey) return Kind::Text;
     if (key == kFastPeriodKey) return Kind::FastPeriod;
     if (key == kPoolSizeKey) return Kind::PoolSize;
+    if (key == kWritersKey || key.starts_with(kReportWritersPrefix)) return Kind::Writers;
+    if (key == kPluginUserKey) return Kind::PluginUser;
     if (!key.starts_with(kOverridesPrefix)) return std::nullopt;
     // pluginOverrides/<plugin name, slashes allowed>/<setting>
     auto slash = key.rfind('/');
@@ -92,6 +98,17 @@ std::string ValueProblem(Kind kind, const std::string& value) {
         case Kind::PidsMax:
             if (!Config::ParseInt(value, number)) return "not an integer: ignored";
             return number > 0 ? "" : "not above 0: ignored";
+        case Kind::Writers: {
+            std::vector<std::string> unknown;
+            ParseWriters(value, unknown);
+            std::string names;
+            for (const std::string& name : unknown) names += (names.empty() ? "" : ", ") + name;
+            return names.empty() ? "" : "not all known: " + names + " left out";
+        }
+        case Kind::PluginUser:
+            return Pelinor::System::FindUser(value)
+                       ? ""
+                       : Pelinor::Format("not a user: plugins run as %1", kFallbackPluginUser);
     }
     return "";
 }
@@ -130,8 +147,9 @@ std::vector<ConfigProblem> OverridesOfNoPlugin(const Config& config,
 // An element left empty, such as <pluginOverrides> with every override commented out.
 bool IsEmptySection(const Config::Entry& entry) {
     return entry.value.empty() &&
-           (entry.key == "log" || entry.key == "metrics" || entry.key + "/" == kOverridesPrefix ||
-            entry.key.starts_with(kOverridesPrefix));
+           (entry.key == "log" || entry.key == "metrics" || entry.key == "plugins" ||
+            entry.key == kAccessSection || entry.key + "/" == kReportWritersPrefix ||
+            entry.key + "/" == kOverridesPrefix || entry.key.starts_with(kOverridesPrefix));
 }
 
 }  // namespace

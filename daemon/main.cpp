@@ -52,8 +52,28 @@ void WarnUnknownKeys(const Pelinor::Service::Config& config) {
     }
 }
 
+// What the configuration decides beyond the launcher's own keys: who plugins run as and who
+// may write which report.
+struct Access {
+    std::shared_ptr<Tessard::PluginLauncher> launcher;
+    std::shared_ptr<Tessard::WriterPolicy> writers = std::make_shared<Tessard::WriterPolicy>();
+    std::string pluginUserProblem = {};  // said once, until it changes
+
+    void Apply(const Pelinor::Service::Config& config) {
+        Tessard::PluginUser user = Tessard::ResolvePluginUser(config);
+        if (!user.problem.empty() && user.problem != pluginUserProblem) {
+            Log(gLogger, LogLevel::Warning, "Plugins run as %1: %2", user.account.name,
+                user.problem);
+        }
+        pluginUserProblem = user.problem;
+        launcher->SetPluginUser(user.account);
+        writers->Load(config, user.account.uid, gLogger);
+    }
+};
+
 // On the scheduler's thread, between batches: the launcher's state is the batches' own.
-void Reload(const std::shared_ptr<Tessard::PluginLauncher>& launcher) {
+void Reload(Access& access) {
+    const auto& launcher = access.launcher;
     Pelinor::Service::App& app = Pelinor::Service::GetApp();
     Ref<Pelinor::Service::Config> fresh;
     try {
@@ -70,6 +90,7 @@ void Reload(const std::shared_ptr<Tessard::PluginLauncher>& launcher) {
         return;
     }
     Pelinor::Service::ApplyLogLevel(*fresh);
+    access.Apply(*fresh);
     WarnUnknownKeys(*fresh);
     Log(gLogger, LogLevel::Info, "Reloaded %1", app.GetConfigPath());
 }
@@ -160,12 +181,21 @@ int main(int argc, char** argv) {
             }
         }
 
+        auto launcher = Tessard::PluginLauncher::GetInstance();
+        Access access{launcher};
+        access.Apply(*configuration);
+        if (!access.writers->Restricted()) {
+            Log(gLogger, LogLevel::Warning,
+                "No access section in %1: every local user may write every report",
+                app.GetConfigPath());
+        }
+
         auto endpoint = Pelinor::MakeRef<Tessard::Endpoint>();
         endpoint->SetReportObserver([&board](const auto& outcome) { board.OnReport(outcome); });
+        endpoint->SetWriterPolicy(access.writers);
         endpoint->Start(configuration, reportDirectory);
 
         // Plugins are scheduled only once the endpoint they report to is serving.
-        auto launcher = Tessard::PluginLauncher::GetInstance();
         launcher->SetObserver({[&board](const auto& plans) { board.OnScheduled(plans); },
                                [&board](const auto& name, auto at) { board.OnStarted(name, at); },
                                [&board](const auto& outcome) { board.OnOutcome(outcome); }});
@@ -173,9 +203,9 @@ int main(int argc, char** argv) {
         configuration.Reset();  // a reload replaces it
 
         Pelinor::Service::RunHooks hooks;
-        hooks.reload = [&app, launcher] {
+        hooks.reload = [&app, &access] {
             Ref<Pelinor::System::ScheduledItem> item;  // released at once: it runs regardless
-            app.GetScheduler().Schedule([launcher](auto*) { Reload(launcher); }, 0, item);
+            app.GetScheduler().Schedule([&access](auto*) { Reload(access); }, 0, item);
         };
         hooks.tick = [&publisher] { publisher.Tick(Tessard::Clock::now()); };
         publisher.Tick(Tessard::Clock::now());

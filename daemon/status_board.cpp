@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include "platform/base/accounts.h"
 #include "platform/base/format.h"
 #include "report/report_roller.h"
 
@@ -138,6 +139,7 @@ void StatusBoard::OnReport(const ReportOutcome& outcome) {
     if (outcome.code == 200) {
         report.last = outcome.at;
         report.size = outcome.size;
+        report.writer = outcome.writer;
     }
     changed = true;
 }
@@ -184,6 +186,13 @@ void StatusBoard::OnStopped(Clock::time_point at) {
     changed = true;
 }
 
+const std::string& StatusBoard::UserName(uint32_t uid) const {
+    auto found = userNames.find(uid);
+    if (found == userNames.end())
+        found = userNames.emplace(uid, Pelinor::System::UserName(uid)).first;
+    return found->second;
+}
+
 bool StatusBoard::TakeChanged() {
     std::lock_guard lock(mutex);
     return std::exchange(changed, false);
@@ -216,6 +225,12 @@ std::string StatusBoard::Json(Clock::time_point now) const {
         Time(json, "last", report.last);
         json.Key("size");
         json.Int64(report.size);
+        json.Key("writer");
+        if (report.writer) {
+            json.String(UserName(*report.writer).c_str());
+        } else {
+            json.Null();
+        }
         json.Key("answers");
         json.StartObject();
         for (const auto& [code, count] : report.answers) {

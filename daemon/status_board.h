@@ -52,6 +52,7 @@ class StatusBoard {
     struct ReportState {
         std::optional<Clock::time_point> last;  // newest stored report
         int64_t size = 0;
+        std::optional<uint32_t> writer;   // of the newest stored report
         std::map<int, uint64_t> answers;  // by HTTP status
     };
     struct PluginState {
@@ -61,8 +62,12 @@ class StatusBoard {
         std::map<PluginEnd, uint64_t> ends;
     };
 
+    // The user database is asked once per writer.
+    const std::string& UserName(uint32_t uid) const;
+
     mutable std::mutex mutex;
     const DaemonFigures daemon;
+    mutable std::map<uint32_t, std::string> userNames;
     std::map<std::string, ReportState> reports;
     uint64_t untrackedReports = 0;
     std::map<std::string, PluginState> plugins;

@@ -78,7 +78,7 @@ void PrintTable(const rapidjson::Document& status, std::ostream& out) {
     out << "\n";
 
     out << std::left << std::setw(24) << "REPORT" << std::setw(22) << "LAST" << std::setw(10)
-        << "SIZE"
+        << "SIZE" << std::setw(16) << "WRITER"
         << "ANSWERS\n";
     const auto& reports = Member(status, "reports");
     if (!reports.IsArray() || reports.Empty()) out << "(none yet)\n";
@@ -91,7 +91,7 @@ void PrintTable(const rapidjson::Document& status, std::ostream& out) {
                            Text(c.value);
         out << std::setw(24) << Text(Member(report, "name")) << std::setw(22)
             << Text(Member(report, "last")) << std::setw(10) << Text(Member(report, "size"))
-            << answers << "\n";
+            << std::setw(16) << Text(Member(report, "writer")) << answers << "\n";
     }
 
     out << "\n"

@@ -38,7 +38,7 @@ void Endpoint::Start(const Ref<Pelinor::Service::Config>& configuration,
         Pelinor::System::SystemFactory::sInstance->CreateServerSocket();
     socket->Listen(kListenHost, port);
     Ref<Pelinor::Http::RequestHandler> handler =
-        Pelinor::MakeRef<TessardHandler>(reportDirectory, reportObserver);
+        Pelinor::MakeRef<TessardHandler>(reportDirectory, reportObserver, writerPolicy);
 
     httpService = Pelinor::Http::CreateHttpSvc(
         socket, logger, Pelinor::Http::GetDefaultResponseHeadersDefinitions());

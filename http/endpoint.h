@@ -2,8 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
+#include "http/writer_policy.h"
 #include "platform/base/config.h"
 #include "platform/http/http.h"
 #include "report/report_outcome.h"
@@ -27,6 +29,10 @@ class Endpoint : public Pelinor::ObjectImpl {
 
     // Told of every answered request whose report name is known; set before Start.
     void SetReportObserver(ReportOutcomeObserver observer) { reportObserver = std::move(observer); }
+    // Who may write which report names; set before Start. Without it everyone may.
+    void SetWriterPolicy(std::shared_ptr<const WriterPolicy> policy) {
+        writerPolicy = std::move(policy);
+    }
     // Listens, installs the upload handler and starts serving; throws on failure.
     void Start(const Pelinor::Ref<Pelinor::Service::Config>& configuration,
                const std::string& reportDirectory);
@@ -35,6 +41,7 @@ class Endpoint : public Pelinor::ObjectImpl {
     Pelinor::Ref<Pelinor::Http::HttpService> httpService;
     Pelinor::Ref<Pelinor::Service::Logger> logger;
     ReportOutcomeObserver reportObserver;
+    std::shared_ptr<const WriterPolicy> writerPolicy;
 };
 
 }  // namespace Tessard

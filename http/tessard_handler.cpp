@@ -22,12 +22,14 @@ constexpr int32_t kMaxReports = 3;
 constexpr int32_t kBacklogWarning = 16;
 }  // namespace
 
-TessardHandler::TessardHandler(const std::string& reportDirectory, ReportOutcomeObserver observer)
+TessardHandler::TessardHandler(const std::string& reportDirectory, ReportOutcomeObserver observer,
+                               std::shared_ptr<const WriterPolicy> writers)
     : RequestHandlerMixin(Logger::sDefaultLogger),
       exclusiveLock(Pelinor::ExclLock::Create(kLockName, kLockRank)),
       logger(Logger::CreateLogger(Logger::sDefaultLogger, "TessardHandler")),
       reportDirectory(reportDirectory),
-      observer(std::move(observer)) {
+      observer(std::move(observer)),
+      writers(std::move(writers)) {
     if (!exclusiveLock) Pelinor::Panic("Cannot create the lock %1", kLockName);
     Log(logger, LogLevel::Info, "Tessard handler initialized");
 }
@@ -51,8 +53,9 @@ void TessardHandler::HandlePost(const Ref<Pelinor::Http::Request>& request,
     }
     auto slash = url.rfind('/');
     std::string reportName = slash == std::string::npos ? url : url.substr(slash + 1);
+    const std::optional<uint32_t> writer = request->GetClientUid();
     auto refuse = [&](ResponseCode code) {
-        Tell(observer, reportName, code.code, 0);
+        Tell(observer, {reportName, code.code, 0, writer});
         response->Answer(code);
     };
     int64_t contentLength = 0;
@@ -66,7 +69,15 @@ void TessardHandler::HandlePost(const Ref<Pelinor::Http::Request>& request,
         refuse(ResponseCode::RequestEntityTooLarge);
         return;
     }
+    if (writers && !writers->Allows(writer, reportName)) {
+        Log(logger, LogLevel::Warning, "Report %1 refused: %2 may not write it", reportName,
+            DescribeWriter(writer));
+        refuse(ResponseCode::Forbidden);
+        return;
+    }
     Log(logger, LogLevel::Verbose, "Report Name: %1", url);
+    if (logger->IsEnabled(LogLevel::Verbose))
+        Log(logger, LogLevel::Verbose, "Report %1 from %2", reportName, DescribeWriter(writer));
     Log(logger, LogLevel::Info, "Report Path: %1", reportDirectory + reportName);
 
     Ref<ReportRoller> roller;
@@ -96,7 +107,7 @@ void TessardHandler::HandlePost(const Ref<Pelinor::Http::Request>& request,
         }
     }
     workQueue->Enqueue(ReportWriteJob{logger, Ref<Pelinor::ObjectImpl>(this), request, response,
-                                      std::move(roller), observer, reportName});
+                                      std::move(roller), observer, reportName, writer});
 }
 
 }  // namespace Tessard

@@ -6,6 +6,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "http/writer_policy.h"
 #include "platform/base/lock.h"
 #include "platform/http/http.h"
 #include "platform/threads/thread_pool.h"
@@ -16,8 +17,9 @@ namespace Tessard {
 
 class TessardHandler : public Pelinor::Http::RequestHandlerMixin {
   public:
-    explicit TessardHandler(const std::string& reportDirectory,
-                            ReportOutcomeObserver observer = {});
+    // Without `writers` everyone may write every name.
+    explicit TessardHandler(const std::string& reportDirectory, ReportOutcomeObserver observer = {},
+                            std::shared_ptr<const WriterPolicy> writers = {});
     ~TessardHandler() override;
 
     void HandlePost(const Pelinor::Ref<Pelinor::Http::Request>& request,
@@ -35,6 +37,7 @@ class TessardHandler : public Pelinor::Http::RequestHandlerMixin {
     Pelinor::Ref<Pelinor::Service::Logger> logger;
     const std::string reportDirectory;
     const ReportOutcomeObserver observer;
+    const std::shared_ptr<const WriterPolicy> writers;
 };
 
 }  // namespace Tessard

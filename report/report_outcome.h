@@ -4,23 +4,26 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace Tessard {
 
 struct ReportOutcome {
-    std::string name;  // the report name (the URL's last segment)
-    int code = 0;      // the HTTP status answered
-    int64_t size = 0;  // bytes stored (0 when nothing was stored)
-    std::chrono::system_clock::time_point at;
+    std::string name;                     // the report name (the URL's last segment)
+    int code = 0;                         // the HTTP status answered
+    int64_t size = 0;                     // bytes stored (0 when nothing was stored)
+    std::optional<uint32_t> writer = {};  // the client's user, when the kernel could say
+    std::chrono::system_clock::time_point at = {};
 };
 
 using ReportOutcomeObserver = std::function<void(const ReportOutcome&)>;
 
-// Tells the observer, if there is one, that `name` was answered `code` with `size` bytes stored.
-inline void Tell(const ReportOutcomeObserver& observer, const std::string& name, int code,
-                 int64_t size) {
-    if (observer) observer({name, code, size, std::chrono::system_clock::now()});
+// Tells the observer, if there is one, of an answered request, stamped now.
+inline void Tell(const ReportOutcomeObserver& observer, ReportOutcome outcome) {
+    if (!observer) return;
+    outcome.at = std::chrono::system_clock::now();
+    observer(outcome);
 }
 
 }  // namespace Tessard

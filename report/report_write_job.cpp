@@ -12,14 +12,15 @@ using Pelinor::Service::LogLevel;
 Pelinor::Task<void> WriteReport(Ref<Pelinor::Http::Request> request,
                                 Ref<Pelinor::Http::Response> response, Ref<ReportRoller> roller,
                                 Ref<Pelinor::Service::Logger> logger,
-                                ReportOutcomeObserver observer, std::string reportName) {
+                                ReportOutcomeObserver observer, std::string reportName,
+                                std::optional<uint32_t> writer) {
     Ref<Pelinor::System::OutputStream> stream;
     Ref<Pelinor::System::File> file;
     if (!roller->CreateTempFile(stream, file)) {
         Log(logger, LogLevel::Error, "Creation of report failed");
         // Not sent here: the response goes out with this code once it is released.
         response->SetResponseCode(ResponseCode::InternalServerError);
-        Tell(observer, reportName, ResponseCode::InternalServerError.code, 0);
+        Tell(observer, {reportName, ResponseCode::InternalServerError.code, 0, writer});
         co_return;
     }
 
@@ -44,7 +45,7 @@ Pelinor::Task<void> WriteReport(Ref<Pelinor::Http::Request> request,
     roller->Rotate(file);
 
     response->SetResponseCode(code);
-    Tell(observer, reportName, code.code, code == ResponseCode::Ok ? byteCount : 0);
+    Tell(observer, {reportName, code.code, code == ResponseCode::Ok ? byteCount : 0, writer});
     try {
         response->Send();
     } catch (const Pelinor::IOException& e) {

@@ -21,7 +21,8 @@ Pelinor::Task<void> WriteReport(Pelinor::Ref<Pelinor::Http::Request> request,
                                 Pelinor::Ref<Pelinor::Http::Response> response,
                                 Pelinor::Ref<ReportRoller> roller,
                                 Pelinor::Ref<Pelinor::Service::Logger> logger,
-                                ReportOutcomeObserver observer, std::string reportName);
+                                ReportOutcomeObserver observer, std::string reportName,
+                                std::optional<uint32_t> writer);
 
 // The queued work item. It keeps everything it touches alive until the queue destroys
 // it, and releases the references in the order roller, response, request, handler.
@@ -33,9 +34,10 @@ struct ReportWriteJob {
     Pelinor::Ref<ReportRoller> roller;
     ReportOutcomeObserver observer = {};
     std::string reportName = {};
+    std::optional<uint32_t> writer = {};
 
     Pelinor::Task<void> operator()() const {
-        return WriteReport(request, response, roller, logger, observer, reportName);
+        return WriteReport(request, response, roller, logger, observer, reportName, writer);
     }
 };
 

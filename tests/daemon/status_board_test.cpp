@@ -30,10 +30,10 @@ TEST(StatusBoard, OutcomesBecomeStatusAndMetrics) {
         EXPECT_EQ(Tessard::ExitCode(row.outcome), row.exitCode) << EndName(row.outcome.end);
         board.OnOutcome(row.outcome);
     }
-    board.OnReport({"disk", 200, 310, t0 + 1s});
-    board.OnReport({"disk", 500, 0, t0 + 2s});
-    board.OnReport({"a-b", 400, 0, t0});
-    board.OnReport({"a\"b", 500, 0, t0});
+    board.OnReport({"disk", 200, 310, 0, t0 + 1s});
+    board.OnReport({"disk", 500, 0, 65534, t0 + 2s});
+    board.OnReport({"a-b", 400, 0, {}, t0});
+    board.OnReport({"a\"b", 500, 0, {}, t0});
     EXPECT_TRUE(board.TakeChanged());
     EXPECT_FALSE(board.TakeChanged());
 
@@ -46,6 +46,7 @@ TEST(StatusBoard, OutcomesBecomeStatusAndMetrics) {
     EXPECT_STREQ(disk["last"].GetString(), "2027-01-15T08:00:01Z")
         << "the newest stored, not the 500";
     EXPECT_EQ(disk["size"].GetInt(), 310);
+    EXPECT_STREQ(disk["writer"].GetString(), "root") << "the newest stored report's writer";
     EXPECT_EQ(disk["answers"]["500"].GetInt(), 1);
     ASSERT_EQ(status["plugins"].Size(), 3u) << "gone is no longer scheduled";
     EXPECT_STREQ(status["plugins"][1]["lastOutcome"]["end"].GetString(), "oom_killed");
@@ -67,7 +68,7 @@ TEST(StatusBoard, OutcomesBecomeStatusAndMetrics) {
     // Refused names and names beyond the limit are counted, not tracked: clients cannot grow
     // the file unbounded.
     for (size_t i = 0; i < Tessard::kMaxTrackedReportNames; ++i)
-        board.OnReport({"n" + std::to_string(i), 200, 1, t0});
+        board.OnReport({"n" + std::to_string(i), 200, 1, {}, t0});
     status.Parse(board.Json(t0).c_str());
     EXPECT_EQ(status["reports"].Size(), Tessard::kMaxTrackedReportNames);
     EXPECT_EQ(status["untrackedReports"].GetInt(), 3);

@@ -1,6 +1,7 @@
 // What operators use: the command line, --check-config on good and broken trees, and on the
 // running daemon reload on SIGHUP, the status file, the metrics textfile and `tessard status`.
 #include <rapidjson/document.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <map>
@@ -64,7 +65,10 @@ TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
          {},
          // A disabled plugin's overrides name a plugin all the same.
          "<config>\n<httpPort>9996</httpPort>\n<pluginOverrides><a><frequency>Fastest</frequency>"
-         "</a><b><enabled>no</enabled></b></pluginOverrides>\n</config>\n"},
+         "</a><b><enabled>no</enabled></b></pluginOverrides>\n<plugins><user>nobody</user></"
+         "plugins>"
+         "<access><writers>root, %root 0</writers><reports><cpu>nobody</cpu></reports></access>"
+         "</config>\n"},
         {{check},
          1,
          {"Configuration ",
@@ -74,12 +78,16 @@ TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
           "config.xml:5: pluginOverrides/a/enabled: 'maybe' is not a boolean: ignored\n",
           "config.xml:5: pluginOverrides/dsk/loglevel: no plugin description names dsk\n",
           "config.xml:5: pluginOverrides/dsk/pidsMax: no plugin description names dsk\n",
+          "config.xml:6: access/writers: 'root nosuch %nosuch' is not all known: user nosuch, "
+          "group %nosuch left out\n",
+          "config.xml:7: plugins/user: 'nosuch' is not a user: plugins run as nobody\n",
           "broken.json\n", "  a                       slow", "Problems found.\n"},
          {},
          "<config>\n<httpPort>99x</httpPort>\n<pluginOverides><a><enabled>no</enabled></a>"
          "</pluginOverides>\n<pluginOverrides><rpSizeMb>900</rpSizeMb>\n<a><enabled>maybe</enabled>"
          "</a><dsk><loglevel>info</loglevel><pidsMax>9</pidsMax></dsk></pluginOverrides>\n"
-         "</config>\n",
+         "<access><writers>root nosuch %nosuch</writers></access>\n"
+         "<plugins><user>nosuch</user></plugins></config>\n",
          "{\"path\": "},
     };
     for (const Row& row : rows) {
@@ -165,6 +173,83 @@ TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
         << table;
     EXPECT_EQ(daemon.Terminate(), 0);
     EXPECT_NE(RunCommand(statusCommand).second.find("\nSTOPPED at "), std::string::npos);
+}
+
+// Throwaway users for the writer policy: one in a group of its own, one outside it.
+struct Users {
+    Users() {
+        Remove();
+        ok = RunCommand("groupadd " + group + " && useradd -M -N -s /usr/sbin/nologin -G " + group +
+                        " " + member + " && useradd -M -N -s /usr/sbin/nologin " + other)
+                 .first == 0;
+    }
+    ~Users() { Remove(); }
+    void Remove() {
+        RunCommand("userdel " + member + "; userdel " + other + "; groupdel " + group);
+    }
+    // The HTTP status of a report posted by `user`.
+    int Post(const std::string& user, uint16_t port, const std::string& name) {
+        auto [code, status] =
+            RunCommand("runuser -u " + user +
+                       " -- curl -sg -o /dev/null -w '%{http_code}' -H "
+                       "'Content-Type: application/json' --data '{\"by\":\"" +
+                       user + "\"}' http://127.0.0.1:" + std::to_string(port) + "/r/" + name);
+        return code == 0 ? std::stoi(status) : 0;
+    }
+    const std::string group = "tessard-tw", member = "tessard-t1", other = "tessard-t2";
+    bool ok = false;
+};
+
+TEST(OperatorE2E, OnlyTheConfiguredUsersWriteAndReloadsChangeWho) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to make throwaway users";
+    Users users;
+    ASSERT_TRUE(users.ok);
+    DaemonOptions options{.port = FreePort()};
+    const std::string head = "<config><httpPort>" + std::to_string(options.port) + "</httpPort>";
+    options.configXml = head + "<access><writers>root, %" + users.group +
+                        "</writers><reports><cpu>" + users.other +
+                        "</cpu></reports></access></config>";
+    DaemonProcess daemon(options);
+    ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
+    EXPECT_EQ(daemon.Logs().find("No access section"), std::string::npos);
+    const std::string dir = daemon.ReportDir() + "/";
+    struct Row {
+        std::string user, name;
+        int status;
+    } rows[] = {
+        {"root", "mem", 200},        // listed by name
+        {users.member, "mem", 200},  // a member of a listed group
+        {users.other, "mem", 403},   // neither
+        {users.other, "cpu", 200},   // listed for this name only
+    };
+    for (const Row& row : rows)
+        EXPECT_EQ(users.Post(row.user, daemon.Port(), row.name), row.status)
+            << row.user << " " << row.name;
+    // A refusal writes nothing, and says who was refused.
+    EXPECT_EQ(ReadLink(dir + "mem.json"), "mem-1.json");
+    EXPECT_EQ(ReadFile(dir + "mem-1.json"), "{\"by\":\"" + users.member + "\"}");
+    EXPECT_FALSE(std::filesystem::exists(dir + "mem-2.json"));
+    const std::string uid = RunCommand("id -u " + users.other).second;
+    EXPECT_TRUE(daemon.HasLine("warning", "TessardHandler",
+                               "Report mem refused: user " + users.other + " (uid " +
+                                   uid.substr(0, uid.size() - 1) + ") may not write it"));
+    // The status names each newest report's writer.
+    rapidjson::Document status;
+    ASSERT_TRUE(Eventually([&] {
+        status.Parse(ReadFile(daemon.Root() + kStatusFile).c_str());
+        return status.IsObject() && status["reports"].Size() == 2 &&
+               status["reports"][1]["answers"].HasMember("403");
+    })) << ReadFile(daemon.Root() + kStatusFile);
+    EXPECT_EQ(std::string(status["reports"][0]["writer"].GetString()) + " " +
+                  status["reports"][1]["writer"].GetString(),
+              users.other + " " + users.member);
+
+    // Without the section, after a reload, everyone local may write.
+    WriteFile(daemon.ConfigPath(), head + "</config>");
+    daemon.Signal(SIGHUP);
+    ASSERT_TRUE(daemon.HasLine("info", "tessard", "Reloaded " + daemon.ConfigPath()));
+    EXPECT_EQ(users.Post(users.other, daemon.Port(), "mem"), 200);
+    EXPECT_EQ(daemon.Terminate(), 0);
 }
 
 }  // namespace

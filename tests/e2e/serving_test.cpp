@@ -3,6 +3,7 @@
 // stop signals, and a start under a service manager. And many concurrent clients, then a kill
 // while reports are being written.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -20,8 +21,11 @@ namespace TessardTest {
 namespace {
 
 TEST(Serving, NoClientHoldsUpAnotherAndSignalsStopIt) {
-    // A zone far from UTC shows whether stamps are local time.
-    DaemonProcess daemon({.env = {"TZ=XYZ-5:45"}});
+    // A zone far from UTC shows whether stamps are local time. Only the test's own user may
+    // write: the refusals below are the endpoint's, not the writer policy's.
+    DaemonProcess daemon({.extraConfig = "<plugins><user>nobody</user></plugins><access><writers>" +
+                                         std::to_string(::geteuid()) + "</writers></access>",
+                          .env = {"TZ=XYZ-5:45"}});
     ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
     const uint16_t port = daemon.Port();
     const std::string dir = daemon.ReportDir() + "/";
