@@ -36,6 +36,19 @@ std::optional<size_t> MatchName(std::string_view text, std::span<const std::stri
     return std::nullopt;
 }
 
+PluginUser ResolvePluginUser(const Pelinor::Service::Config& config) {
+    std::string wanted;
+    bool configured = config.GetString(kPluginUserKey, wanted);
+    if (!configured) wanted = kPackagePluginUser;
+    if (auto account = Pelinor::System::FindUser(wanted)) return {*account, ""};
+    std::string problem = configured ? "the configured user " + wanted + " does not exist"
+                                     : "there is no user " + wanted;
+    auto fallback =
+        Pelinor::System::FindUser(kFallbackPluginUser)
+            .value_or(Pelinor::System::Account{kNobodyId, kNobodyId, kFallbackPluginUser});
+    return {fallback, problem};
+}
+
 bool SetResourcePoolSize(int32_t sizeMb) {
     if (resourcePoolSizeMb >= sizeMb || sizeMb > maxResourcePoolSizeMb) return false;
     resourcePoolSizeMb = sizeMb;

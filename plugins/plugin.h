@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/base/accounts.h"
+#include "platform/base/config.h"
 #include "platform/base/logging.h"
 
 namespace Tessard {
@@ -30,6 +32,19 @@ constexpr const char* kFastPeriodKey = "pluginOverrides/fast/timePeriodMin";
 constexpr const char* kPoolSizeKey = "pluginOverrides/rpSizeMb";
 // A fast period override must be above this many minutes.
 constexpr int32_t kMinFastPeriodMin = 5;
+
+// Who plugins run as: the configured user, else the package's system user, else nobody.
+constexpr const char* kPluginUserKey = "plugins/user";
+constexpr const char* kPackagePluginUser = "tessard-plugin";
+constexpr const char* kFallbackPluginUser = "nobody";
+// The fallback's ids where the host does not know it either.
+constexpr uint32_t kNobodyId = 65534;
+
+struct PluginUser {
+    Pelinor::System::Account account;
+    std::string problem;  // why it is not the user asked for; empty when it is
+};
+PluginUser ResolvePluginUser(const Pelinor::Service::Config& config);
 
 // Process-wide plugin settings, fixed while the launcher is built (and again at a reload).
 constexpr uint64_t kDefaultFastTimePeriodMin = 5;

@@ -50,6 +50,8 @@ class PluginLauncher : public std::enable_shared_from_this<PluginLauncher> {
 
     // Set before Init.
     void SetObserver(PluginObserver newObserver);
+    // Who plugins run as from their next launch on; set before Init.
+    void SetPluginUser(const Pelinor::System::Account& user) { pluginUser = user; }
     // For the daemon's stop: no batch runs any more, and every plugin's group is stopped.
     // Blocks until they are gone, for a bounded time.
     void Stop();
@@ -88,6 +90,7 @@ class PluginLauncher : public std::enable_shared_from_this<PluginLauncher> {
     uint64_t generation = 0;
     std::set<std::string> disabled;
     PluginObserver observer;
+    Pelinor::System::Account pluginUser{kNobodyId, kNobodyId, kFallbackPluginUser};
     bool stopping = false;  // the daemon stops: on the event loop only
 };
 

@@ -111,6 +111,11 @@ void PluginLauncher::LoadPluginConfigurations() {
         Pelinor::System::RootedPath(kPluginConfigDir));
     for (const auto& entry : directory->ListFiles()) {
         const std::string& path = entry->GetPath();
+        if (std::string problem = Pelinor::System::TamperProblem(path, directory->GetPath());
+            !problem.empty()) {
+            Log(logger, LogLevel::Error, "Plugin description refused: %1", problem);
+            continue;
+        }
         PluginConfiguration configuration;
         if (!ReadPluginConfiguration(path, configuration)) {
             Log(logger, LogLevel::Error, "Failed to parse %1", path);

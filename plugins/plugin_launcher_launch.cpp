@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "platform/base/app.h"
+#include "platform/fs/files.h"
 #include "platform/kernel/process.h"
 #include "plugins/plugin_launcher.h"
 
@@ -47,6 +48,13 @@ void PluginLauncher::LaunchPlugin(const std::shared_ptr<Plugin>& plugin,
     outcome.end = PluginEnd::LaunchFailed;
 
     char* const* arguments = plugin->GetArguments();
+    // What another user could have changed would run with the plugins' rights.
+    if (std::string problem = Pelinor::System::TamperProblem(
+            plugin->completePath, Pelinor::System::RootedPath(kPluginBinDir));
+        !problem.empty()) {
+        Report(outcome, problem);
+        return;
+    }
     if (!ResourcePoolPrechecks()) {
         Log(logger, LogLevel::Error, "Failed resource pool prechecks; cannot launch plugin: %1",
             plugin->GetCommandLine());

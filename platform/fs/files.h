@@ -58,6 +58,11 @@ class SystemFactory {
     static SystemFactory& Real();
 };
 
+// Why `path` cannot be trusted to hold only what root put there, or "" when it can (or does
+// not exist): it, or a directory from it up to `top`, is owned by another user than root (or
+// the daemon's own), or is writable by its group or by everyone.
+std::string TamperProblem(const std::string& path, const std::string& top);
+
 // Replaces the file at `path` with `content` through a hidden temporary file and a rename,
 // so a reader sees the old or the new file whole; makes missing parent directories.
 // Throws IOException.

@@ -204,6 +204,23 @@ std::string File::GetName() const {
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+std::string TamperProblem(const std::string& path, const std::string& top) {
+    std::string_view limit = top;
+    while (limit.size() > 1 && limit.back() == '/') limit.remove_suffix(1);
+    for (std::string current = path;;) {
+        struct stat st {};
+        if (::stat(current.c_str(), &st) != 0) return "";  // the launch tells what is missing
+        if (st.st_uid != 0 && st.st_uid != ::geteuid()) {
+            return current + " belongs to uid " + std::to_string(st.st_uid) + ", not to root";
+        }
+        if ((st.st_mode & S_IWOTH) != 0) return current + " is writable by everyone";
+        if ((st.st_mode & S_IWGRP) != 0) return current + " is writable by its group";
+        if (current.size() <= limit.size() || !current.starts_with(limit)) return "";
+        current = DirectoryOf(current);
+        while (current.size() > 1 && current.back() == '/') current.pop_back();
+    }
+}
+
 void ReplaceFile(const std::string& path, std::string_view content) {
     std::string directory = DirectoryOf(path);
     std::error_code error;
