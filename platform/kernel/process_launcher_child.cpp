@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <linux/sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -19,12 +20,36 @@ constexpr int kExecFailedStatus = 127;
 
 char* const kEmptyEnvironment[] = {nullptr};
 
+// Direct system calls: glibc's wrappers change the ids of every thread it knows of, and a
+// child made by a bare clone3 still lists the daemon's threads (and may find their lock held).
+// 32-bit x86 and arm keep the 16-bit id calls under the plain names.
+#ifdef SYS_setresuid32
+constexpr long kSetGroups = SYS_setgroups32;
+constexpr long kSetResGid = SYS_setresgid32;
+constexpr long kSetResUid = SYS_setresuid32;
+#else
+constexpr long kSetGroups = SYS_setgroups;
+constexpr long kSetResGid = SYS_setresgid;
+constexpr long kSetResUid = SYS_setresuid;
+#endif
+
 [[noreturn]] void ReportAndExit(int reportFd) {
     int error = errno;
     if (::write(reportFd, &error, sizeof error) < 0) {
         // Nothing left to tell; the parent sees EOF and a vanished child.
     }
     ::_exit(kExecFailedStatus);
+}
+
+// The gid before the uid, while the right to change it is still held. Leaving uid 0 for
+// another clears the permitted, effective and ambient capabilities; no_new_privs keeps execve
+// from granting any again.
+bool BecomeUser(const Credentials& user) {
+    uid_t uid = user.uid;
+    gid_t gid = user.gid;
+    return ::syscall(kSetGroups, 0, nullptr) == 0 && ::syscall(kSetResGid, gid, gid, gid) == 0 &&
+           ::syscall(kSetResUid, uid, uid, uid) == 0 &&
+           ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0;
 }
 
 }  // namespace
@@ -35,6 +60,8 @@ char* const kEmptyEnvironment[] = {nullptr};
     if (plan.joinPidsFd >= 0 && ::write(plan.joinPidsFd, "0", 1) != 1) {
         ReportAndExit(plan.reportFd);
     }
+    // After joining, so that the kernel weighs the move against the daemon's rights.
+    if (plan.user && !BecomeUser(*plan.user)) ReportAndExit(plan.reportFd);
     if (::dup2(plan.stdoutFd, STDOUT_FILENO) < 0 || ::dup2(plan.stderrFd, STDERR_FILENO) < 0) {
         ReportAndExit(plan.reportFd);
     }

@@ -4,6 +4,9 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <optional>
+
+#include "platform/kernel/process.h"
 
 namespace Pelinor::System::Launcher {
 
@@ -17,6 +20,7 @@ struct ChildPlan {
     int stderrFd;
     int reportFd;
     int descriptorLimit;
+    std::optional<Credentials> user;
 };
 
 // Runs in the forked child of a threaded process: async-signal-safe calls only.

@@ -209,7 +209,8 @@ int LinuxProcessLauncher::Start(const char* path, char* const argv[], Run& run) 
                    outWrite.Get(),
                    errWrite.Get(),
                    reportWrite.Get(),
-                   static_cast<int>(std::min(descriptors.rlim_cur, kMostDescriptors))};
+                   static_cast<int>(std::min(descriptors.rlim_cur, kMostDescriptors)),
+                   run.options.user};
 
     sigset_t all;
     sigset_t previous;
