@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "platform/base/logging.h"
@@ -26,10 +27,19 @@ struct RunEnd {
     std::chrono::milliseconds runTime{0};
 };
 
+// The user a plugin runs as: its uid and primary gid.
+struct Credentials {
+    uint32_t uid = 0;
+    uint32_t gid = 0;
+};
+
 struct RunOptions {
     std::string name;             // prefixes its output lines in the log
     Ref<Service::Logger> logger;  // where its output goes: stdout at verbose, stderr at warning
     uint32_t pidsMax = 0;         // process cap of its group where the pids controller is; 0: none
+    // Set: it runs as that user, with no supplementary group, and no setuid binary or file
+    // capability gives it privileges back. None: it runs as the daemon does.
+    std::optional<Credentials> user;
     // Called once, on the event loop, when the process has ended; never from Launch.
     std::function<void(const RunEnd&)> onEnd;
 };
