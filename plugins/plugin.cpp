@@ -37,6 +37,9 @@ std::optional<size_t> MatchName(std::string_view text, std::span<const std::stri
 }
 
 PluginUser ResolvePluginUser(const Pelinor::Service::Config& config) {
+    if (uint32_t own = Pelinor::System::OwnUid(); own != 0) {
+        return {*Pelinor::System::FindUser(std::to_string(own)), "the daemon does not run as root"};
+    }
     std::string wanted;
     bool configured = config.GetString(kPluginUserKey, wanted);
     if (!configured) wanted = kPackagePluginUser;

@@ -67,6 +67,8 @@ void PluginLauncher::LaunchPlugin(const std::shared_ptr<Plugin>& plugin,
     options.name = plugin->name;
     options.logger = logger;
     options.pidsMax = plugin->pidsMax;
+    // Only root may choose who a plugin runs as; anyone else's plugins run as they do.
+    if (Pelinor::System::OwnUid() == 0) options.user = {{pluginUser.uid, pluginUser.gid}};
     options.onEnd = [weak = weak_from_this(), outcome](const RunEnd& end) {
         auto self = weak.lock();
         if (!self) return;

@@ -32,10 +32,12 @@ void Install(const std::string& root, const std::string& name, const std::string
     std::string file = root + kBinDir + name;
     if (body.empty()) {
         fs::create_directories(file + ".out");
+        fs::permissions(file + ".out", fs::perms::all);  // the plugins' user writes there
         fs::copy_file(TESSARD_PLUGIN_PROBE, file);
     } else {
         TessardTest::WriteFile(file, "#!/bin/sh\n" + body);
-        fs::permissions(file, fs::perms::owner_all);
+        fs::permissions(file, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                                  fs::perms::others_read | fs::perms::others_exec);
     }
     TessardTest::WriteFile(root + "/usr/lib/tolmar/tessard/plugins/config/" + name,
                            R"({"path": ")" + name + R"(", "frequency": ")" + frequency + R"("})");
@@ -55,7 +57,10 @@ TEST(PluginsE2E, RunInsideThePoolReportBackAndAreStoppedWhole) {
 
     TessardTest::DaemonOptions options;
     options.env = {"TESSARD_TIME_SCALE=30", "TESSARD_CGROUP_ROOT=" + cgroup.Root()};
-    options.extraConfig = "<log><level>verbose</level></log>";
+    // The reporter is let in as the plugins' user, whom the writers need not name.
+    options.extraConfig =
+        "<log><level>verbose</level></log><plugins><user>nobody</user></plugins>"
+        "<access><writers>root</writers></access>";
     options.prepare = [](const std::string& root) {
         Install(root, "probe", "fast");
         Install(root, "hog", "slow");
@@ -71,6 +76,10 @@ TEST(PluginsE2E, RunInsideThePoolReportBackAndAreStoppedWhole) {
                 "(/usr/bin/setsid /bin/sh -c 'echo $$ >>\"$0.pids\"; exec /bin/sleep 300' "
                 "\"$0\" &)\n/bin/sleep 0.2\nexit 3\n");
         Install(root, "chatty", "fast", "echo hello\necho oops >&2\n/usr/bin/seq 1 300000\n");
+        // Anyone could change it: it never runs.
+        Install(root, "writable", "fast", "exit 0\n");
+        fs::permissions(root + kBinDir + "writable", fs::perms::others_write,
+                        fs::perm_options::add);
     };
     TessardTest::DaemonProcess daemon(options);
     ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
@@ -125,6 +134,14 @@ TEST(PluginsE2E, RunInsideThePoolReportBackAndAreStoppedWhole) {
     EXPECT_EQ(Lines(bin + "probe.out/fds"), (std::vector<std::string>{"0", "1", "2"}));
     EXPECT_TRUE(Lines(bin + "probe.out/signals").empty()) << "ignored or blocked by the daemon";
     EXPECT_EQ(Lines(bin + "probe.out/limit"), std::vector<std::string>{"41943040"});
+    // As nobody, with no other group and no capability.
+    std::string status = TessardTest::ReadFile(bin + "probe.out/status");
+    for (const char* line : {"\nUid:\t65534\t65534\t65534\t65534\n", "\nGroups:\t \n",
+                             "\nCapEff:\t0000000000000000\n", "\nCapPrm:\t0000000000000000\n"})
+        EXPECT_NE(status.find(line), std::string::npos) << line << status;
+    EXPECT_TRUE(daemon.HasLine(
+        "error", launcher,
+        "Plugin writable could not be launched: " + bin + "writable is writable by everyone"));
     // In the pool, and in its pids counterpart where the host has a v1 pids hierarchy.
     std::string groups = TessardTest::ReadFile(bin + "probe.out/cgroup");
     std::string prefix = cgroup.Root().substr(std::strlen("/sys/fs/cgroup/memory")) + "/" + kPool;

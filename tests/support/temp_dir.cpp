@@ -12,6 +12,10 @@ namespace TessardTest {
 TempDir::TempDir() {
     path = (std::filesystem::temp_directory_path() / "tessard-test-XXXXXX").string();
     if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    // Plugins run as another user, and must reach what the tests install for them.
+    std::filesystem::permissions(path, std::filesystem::perms::owner_all |
+                                           std::filesystem::perms::group_exec |
+                                           std::filesystem::perms::others_exec);
 }
 
 TempDir::~TempDir() {

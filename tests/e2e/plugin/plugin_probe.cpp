@@ -1,7 +1,7 @@
 // A stand-in plugin for end-to-end tests. What it does depends on the name it was
 // started under; it writes its findings next to itself, in <argv[0]>.out/.
 //   probe*   records its argument vector, environment, open descriptors, blocked and ignored
-//            signals, cgroups and the memory cap of its group (cgroup v1)
+//            signals, cgroups, the memory cap of its group (cgroup v1) and its credentials
 //   hog*     touches twice the memory its group argument allows
 //   sleeper* counts every SIGTERM it receives and keeps running
 #include <fcntl.h>
@@ -42,6 +42,7 @@ int main(int argc, char** argv) {
                 signals << signal << '\n';
         }
         std::ofstream(out + "cgroup") << std::ifstream("/proc/self/cgroup").rdbuf();
+        std::ofstream(out + "status") << std::ifstream("/proc/self/status").rdbuf();
         std::ifstream groups("/proc/self/cgroup");
         for (std::string line; std::getline(groups, line);) {
             if (size_t at = line.find(":memory:"); at != std::string::npos) {
