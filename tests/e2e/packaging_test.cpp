@@ -92,7 +92,7 @@ TEST(PackagingE2E, DebianPackageHoldsTheInstallationAndIsLintianClean) {
          {"/usr/sbin/tessard", "/usr/sbin/tessard-pool", kConfig,
           "/lib/systemd/system/tessard.service", "/usr/lib/tolmar/tessard/plugins/bin/memory.sh",
           "/usr/share/man/man8/tessard.8.gz", "/usr/share/man/man8/tessard-pool.8.gz",
-          "/usr/share/doc/tessard/examples/tessard-alerts.yml"})
+          "/usr/share/doc/tessard/examples/tessard-alerts.yml", "/usr/lib/sysusers.d/tessard.conf"})
         EXPECT_NE(contents.find(" ." + file + "\n"), std::string::npos) << file << "\n" << contents;
     EXPECT_EQ(RunCommand("dpkg-deb --info " + deb + " conffiles").second,
               std::string(kConfig) + "\n");

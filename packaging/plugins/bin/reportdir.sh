@@ -61,9 +61,10 @@ list() {
     fi
 }
 
-report=''
-if [[ -z $report_dir ]] && daemon_report_dir; then
-    report_dir=$REPLY
+report='' daemon=''
+if daemon_report_dir; then
+    daemon=1
+    [[ -z $report_dir ]] && report_dir=$REPLY
 fi
 if [[ -z $report_dir ]]; then
     STATUS=unknown
@@ -85,7 +86,20 @@ fi
 if [[ -e $report_dir ]]; then add_json report exists true; else add_json report exists false; fi
 if [[ -d $report_dir ]]; then is_directory=true; else is_directory=false; fi
 add_json report is_directory $is_directory
-if [[ -d $report_dir && -w $report_dir && -x $report_dir ]]; then
+# Whether the daemon can write there: this plugin may run as another user than the daemon.
+# Root writes any directory on a file system mounted read-write.
+daemon_can_write() {
+    local uid=''
+    [[ -n $daemon ]] && uid=$(awk '/^Uid:/ {print $3}' "/proc/$PPID/status" 2>/dev/null)
+    if [[ -z $uid || $uid == "$EUID" ]]; then
+        [[ -w $1 && -x $1 ]]
+    elif ((uid == 0)); then
+        [[ ,$(findmnt -n -o OPTIONS --target "$1" 2>/dev/null), != *,ro,* ]]
+    else
+        [[ $(stat -c %u "$1") == "$uid" && $(stat -c %A "$1") == d?wx* ]]
+    fi
+}
+if [[ -d $report_dir ]] && daemon_can_write "$report_dir"; then
     add_json report writable true
 else
     add_json report writable false
