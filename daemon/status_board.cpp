@@ -75,7 +75,7 @@ class Metrics {
             }
             out += '}';
         }
-        out += " " + Number(value) + "\n";
+        out.append(" ").append(Number(value)).append("\n");
     }
     std::string out;
 

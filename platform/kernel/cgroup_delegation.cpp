@@ -75,7 +75,7 @@ int Adopt(const std::string& own) {
         if (int error = HandDown(group)) return error;
         if (rest.empty()) break;
         size_t slash = std::min(rest.find('/'), rest.size());
-        group += "/" + std::string(rest.substr(0, slash));
+        group.append("/").append(rest.substr(0, slash));
         rest.remove_prefix(std::min(slash + 1, rest.size()));
         if (int error = MakeGroup(group)) return error;
     }
