@@ -1,15 +1,8 @@
 #include "platform/threads/thread_pool.h"
 
-#include <algorithm>
-#include <atomic>
 #include <boost/asio/co_spawn.hpp>
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
 #include <list>
-#include <memory>
 #include <mutex>
-#include <thread>
-#include <vector>
 
 #include "platform/base/logging.h"
 #include "platform/threads/event_loops.h"
@@ -23,65 +16,14 @@ using Service::Log;
 using Service::Logger;
 using Service::LogLevel;
 
-constexpr unsigned kMinLoops = 2;
-
-class Loops final : public EventLoops {
-  public:
-    Loops() {
-        size_t count = std::max(kMinLoops, std::thread::hardware_concurrency());
-        for (size_t i = 0; i < count; ++i) loops.push_back(std::make_unique<Loop>());
-        for (auto& loop : loops) {
-            loop->thread = std::thread([context = &loop->context] {
-                tCurrent = context;
-                Drive(*context);
-            });
-        }
-    }
-    ~Loops() override {
-        for (auto& loop : loops) loop->guard.reset();
-        for (auto& loop : loops) loop->context.stop();
-        for (auto& loop : loops) loop->thread.join();
-    }
-
-    net::any_io_executor Next() override {
-        size_t index = next.fetch_add(1, std::memory_order_relaxed) % loops.size();
-        return loops[index]->context.get_executor();
-    }
-    net::any_io_executor Current() override { return tCurrent ? tCurrent->get_executor() : Next(); }
-    bool OnLoopThread() const override { return tCurrent != nullptr; }
-
-  private:
-    struct Loop {
-        net::io_context context{1};
-        net::executor_work_guard<net::io_context::executor_type> guard{context.get_executor()};
-        std::thread thread;
-    };
-
-    static void Drive(net::io_context& context) {
-        for (;;) {
-            try {
-                context.run();
-                return;
-            } catch (const std::exception& e) {
-                // One failed completion must not take every connection of the loop with it.
-                Log(Logger::sDefaultLogger, LogLevel::Error, "Event loop: %1", e.what());
-            }
-        }
-    }
-
-    static thread_local net::io_context* tCurrent;
-    std::vector<std::unique_ptr<Loop>> loops;
-    std::atomic<size_t> next{0};
-};
-
-thread_local net::io_context* Loops::tCurrent = nullptr;
-
 class SerialWorkQueue final : public WorkQueue {
   public:
     explicit SerialWorkQueue(const WorkQueueDesc& desc) : desc(desc) {}
 
-    void Enqueue(Job job) override {
-        Waiting item{EventLoops::Get().Current(), std::move(job)};
+    void Enqueue(Job job, bool anyLoop) override {
+        auto& loops = EventLoops::Get();
+        Waiting item{EventLoops::Current().value_or(loops.At(loops.NextIndex())), std::move(job),
+                     anyLoop};
         {
             std::lock_guard lock(mutex);
             if (running) {
@@ -94,39 +36,40 @@ class SerialWorkQueue final : public WorkQueue {
             }
             running = true;
         }
-        Start(std::move(item));
+        Start(std::move(item.job), item.executor);
     }
 
     std::string ToString() const override { return "WorkQueue " + desc.name; }
 
   private:
     struct Waiting {
-        net::any_io_executor executor;
+        Executor executor;  // the loop it was queued on
         Job job;
+        bool anyLoop = false;
     };
 
-    void Start(Waiting item) {
-        // Started on the queuing thread's own loop: when that is the current thread, the
-        // job runs right here until it first suspends.
-        net::co_spawn(item.executor, std::move(item.job),
-                      [self = Ref<SerialWorkQueue>(this)](std::exception_ptr failure) {
+    // On the loop's own thread the job runs right here until it first suspends.
+    void Start(Job job, Executor executor) {
+        net::co_spawn(executor, std::move(job),
+                      [self = Ref<SerialWorkQueue>(this), executor](std::exception_ptr failure) {
                           if (failure) self->LogFailure(failure);
-                          self->Finish();
+                          self->Finish(executor);
                       });
     }
 
-    void Finish() {
-        Waiting item;
+    // On the loop of the job that ended.
+    void Finish(Executor here) {
+        Waiting next{here, {}};
         {
             std::lock_guard lock(mutex);
             if (waiting.empty()) {
                 running = false;
                 return;
             }
-            item = std::move(waiting.front());
+            next = std::move(waiting.front());
             waiting.pop_front();
         }
-        Start(std::move(item));
+        Start(std::move(next.job), next.anyLoop ? here : next.executor);
     }
 
     void LogFailure(const std::exception_ptr& failure) const {
@@ -156,11 +99,6 @@ class LoopThreadPool final : public ThreadPool {
 };
 
 }  // namespace
-
-EventLoops& EventLoops::Get() {
-    static Loops loops;
-    return loops;
-}
 
 ThreadPool& GetThreadPool() {
     static LoopThreadPool pool;

@@ -1,4 +1,4 @@
-// The event loops and the serial work queues that run jobs on them.
+// The serial work queues that run jobs on the event loops.
 #pragma once
 
 #include <cstdint>
@@ -18,13 +18,15 @@ struct WorkQueueDesc {
     int32_t backlogWarning = 16;
 };
 
-// Runs its jobs one at a time, in the order queued, on the event loop of the thread that
-// queued each (the connection's, for a report): a job whose turn has come starts at once,
-// on the queuing thread, with no hand-off. A job that suspends holds no thread, only its
-// turn. A job that throws is logged at error; the queue carries on.
+// Runs its jobs one at a time, in the order queued. A job whose turn has come starts at once on
+// the queuing thread, with no hand-off. A job that waited starts on the loop it was queued on,
+// unless it may run on any loop (`anyLoop`: it needs nothing of that loop): then on the thread
+// that finished the job before it, so a busy queue does not hop between loops. A job that
+// suspends holds no thread, only its turn. A job that throws is logged at error; the queue
+// carries on.
 class WorkQueue : public ObjectImpl {
   public:
-    virtual void Enqueue(Job job) = 0;
+    virtual void Enqueue(Job job, bool anyLoop = false) = 0;
 };
 
 class ThreadPool {
