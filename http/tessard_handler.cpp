@@ -106,8 +106,10 @@ void TessardHandler::HandlePost(const Ref<Pelinor::Http::Request>& request,
                 "Created report rotation and workqueue object for report name: %1", reportName);
         }
     }
+    // A body already in memory lets the job run on whichever loop frees the name's queue.
     workQueue->Enqueue(ReportWriteJob{logger, Ref<Pelinor::ObjectImpl>(this), request, response,
-                                      std::move(roller), observer, reportName, writer});
+                                      std::move(roller), observer, reportName, writer},
+                       request->BodyInMemory());
 }
 
 }  // namespace Tessard

@@ -28,7 +28,9 @@ Pelinor::Task<void> WriteReport(Ref<Pelinor::Http::Request> request,
     int32_t byteCount = 0;
     char buffer[kReadChunkSize];
     for (;;) {
-        int64_t n = co_await request->Read(buffer, sizeof buffer);
+        // What has arrived is taken at once; only when nothing has does the job wait.
+        int64_t n = request->ReadAvailable(buffer, sizeof buffer);
+        if (n == 0) n = co_await request->Read(buffer, sizeof buffer);
         if (n == -1) {
             Log(logger, LogLevel::Trivia, "Read end of HTTP body");
             break;

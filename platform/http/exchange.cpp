@@ -3,53 +3,56 @@
 #include <boost/asio/dispatch.hpp>
 #include <boost/beast/core/string.hpp>
 #include <cctype>
+#include <cstring>
 #include <limits>
 #include <mutex>
 
 #include "platform/base/exceptions.h"
-#include "platform/http/connection.h"
+#include "platform/http/service.h"
 
 namespace Pelinor::Http {
 
 namespace {
 
-namespace bhttp = boost::beast::http;
-
 class RequestImpl final : public Request {
   public:
-    RequestImpl(std::shared_ptr<Connection> connection, uint64_t exchange,
-                const bhttp::request_header<>& head, std::optional<uint64_t> length,
-                std::optional<uint32_t> clientUid)
-        : connection(std::move(connection)),
-          exchange(exchange),
-          method(head.method_string()),
-          url(head.target()),
-          contentType(head[bhttp::field::content_type]),
-          length(length),
-          clientUid(clientUid) {}
+    RequestImpl(std::shared_ptr<ConnectionBase> connection, uint64_t exchange, RequestHead head)
+        : connection(std::move(connection)), exchange(exchange), head(std::move(head)) {}
 
-    std::string GetMethod() const override { return method; }
-    void GetContentType(std::string& out) const override { out = contentType; }
-    std::string GetUrl() const override { return url; }
+    std::string GetMethod() const override { return head.method; }
+    void GetContentType(std::string& out) const override { out = head.contentType; }
+    std::string GetUrl() const override { return head.url; }
     bool GetContentLength(int64_t& out) const override {
-        if (!length) return false;
+        if (!head.contentLength) return false;
         out = static_cast<int64_t>(std::min<uint64_t>(
-            *length, static_cast<uint64_t>(std::numeric_limits<int64_t>::max())));
+            *head.contentLength, static_cast<uint64_t>(std::numeric_limits<int64_t>::max())));
         return true;
     }
-    std::optional<uint32_t> GetClientUid() const override { return clientUid; }
+    std::optional<uint32_t> GetClientUid() const override { return head.clientUid; }
+    bool BodyInMemory() const override { return head.memoryBody.has_value(); }
+
+    int64_t ReadAvailable(char* buffer, size_t size) override {
+        if (!head.memoryBody) return connection->ReadAvailable(exchange, buffer, size);
+        // Bytes the connection leaves untouched until the answer: any thread may read them.
+        std::string_view& rest = *head.memoryBody;
+        if (rest.empty()) {
+            connection->EndMemoryBody(exchange);
+            return -1;
+        }
+        size_t n = std::min(size, rest.size());
+        std::memcpy(buffer, rest.data(), n);
+        rest.remove_prefix(n);
+        return static_cast<int64_t>(n);
+    }
     Task<int64_t> Read(char* buffer, size_t size) override {
-        return connection->ReadBody(exchange, buffer, size);
+        if (head.memoryBody) co_return ReadAvailable(buffer, size);
+        co_return co_await connection->ReadBody(exchange, buffer, size);
     }
 
   private:
-    const std::shared_ptr<Connection> connection;
+    const std::shared_ptr<ConnectionBase> connection;
     const uint64_t exchange;
-    const std::string method;
-    const std::string url;
-    const std::string contentType;
-    const std::optional<uint64_t> length;
-    const std::optional<uint32_t> clientUid;
+    RequestHead head;
 };
 
 bool IsToken(std::string_view name) {
@@ -65,11 +68,8 @@ bool IsToken(std::string_view name) {
 class ResponseImpl final : public Response {
   public:
     // Until the handler sets a code, the answer is 500.
-    ResponseImpl(std::shared_ptr<Connection> connection, uint64_t exchange, unsigned version)
-        : connection(std::move(connection)),
-          exchange(exchange),
-          message(
-              this->connection->Owner().MakeMessage(ResponseCode::InternalServerError, version)) {}
+    ResponseImpl(std::shared_ptr<ConnectionBase> connection, uint64_t exchange)
+        : connection(std::move(connection)), exchange(exchange) {}
 
     ~ResponseImpl() override {
         // Nobody answered: the client still deserves one.
@@ -86,7 +86,8 @@ class ResponseImpl final : public Response {
             throw InvalidArgumentException("Invalid HTTP status " + std::to_string(c.code));
         }
         std::lock_guard lock(mutex);
-        SetCodeLocked(c);
+        answer.code = c.code;
+        answer.reason = c.reason;
     }
 
     void SetHeader(const std::string& name, const std::string& value) override {
@@ -96,7 +97,15 @@ class ResponseImpl final : public Response {
             throw InvalidArgumentException("Invalid response header " + name);
         }
         std::lock_guard lock(mutex);
-        message.set(name, value);  // replaces a header of the same name, whatever its case
+        auto& headers = answer.headers;
+        auto same = std::find_if(headers.begin(), headers.end(), [&](const auto& header) {
+            return boost::beast::iequals(header.first, name);
+        });
+        if (same != headers.end()) {
+            same->second = value;
+        } else {
+            headers.emplace_back(name, value);
+        }
     }
 
     void Send() override {
@@ -107,43 +116,38 @@ class ResponseImpl final : public Response {
     void SendFailure() {
         std::lock_guard lock(mutex);
         if (sent) return;
-        SetCodeLocked(ResponseCode::InternalServerError);
+        answer.code = ResponseCode::InternalServerError.code;
+        answer.reason = ResponseCode::InternalServerError.reason;
         SendLocked();
     }
 
   private:
-    void SetCodeLocked(const ResponseCode& c) {
-        message.result(static_cast<unsigned>(c.code));
-        message.reason(c.reason);
-    }
-
     void SendLocked() {
         if (sent) return;
         sent = true;
         if (connection->Gone()) throw IOException("The client connection is closed");
         // On the connection's own loop this delivers at once; from elsewhere it is queued there.
-        boost::asio::dispatch(connection->Executor(), [connection = connection, exchange = exchange,
-                                                       message = std::move(message)]() mutable {
-            connection->Deliver(exchange, std::move(message));
-        });
+        boost::asio::dispatch(
+            connection->GetExecutor(),
+            [connection = connection, exchange = exchange, answer = std::move(answer)]() mutable {
+                connection->Deliver(exchange, std::move(answer));
+            });
     }
 
-    const std::shared_ptr<Connection> connection;
+    const std::shared_ptr<ConnectionBase> connection;
     const uint64_t exchange;
-    std::mutex mutex;  // guards what follows: the handler and its job may both hold the response
-    Message message;
+    std::mutex mutex;     // guards what follows: the handler and its job may both hold the response
+    Http::Answer answer;  // qualified: Response::Answer is a member too
     bool sent = false;
 };
 
-Ref<Request> MakeRequest(std::shared_ptr<Connection> connection, uint64_t exchange,
-                         const bhttp::request_header<>& head, std::optional<uint64_t> length,
-                         std::optional<uint32_t> clientUid) {
-    return MakeRef<RequestImpl>(std::move(connection), exchange, head, length, clientUid);
+Ref<Request> MakeRequest(std::shared_ptr<ConnectionBase> connection, uint64_t exchange,
+                         RequestHead head) {
+    return MakeRef<RequestImpl>(std::move(connection), exchange, std::move(head));
 }
 
-Ref<Response> MakeResponse(std::shared_ptr<Connection> connection, uint64_t exchange,
-                           unsigned version) {
-    return MakeRef<ResponseImpl>(std::move(connection), exchange, version);
+Ref<Response> MakeResponse(std::shared_ptr<ConnectionBase> connection, uint64_t exchange) {
+    return MakeRef<ResponseImpl>(std::move(connection), exchange);
 }
 
 void SendFailure(Response& response) {

@@ -13,6 +13,7 @@
 #include "platform/base/object.h"
 #include "platform/base/task.h"
 #include "platform/base/unique_fd.h"
+#include "platform/threads/event_loops.h"
 
 namespace Pelinor::System {
 
@@ -58,12 +59,17 @@ class Request : public ObjectImpl {
     // The user owning the client's socket, as the kernel told it when the connection was
     // accepted; none when it could not say. Nothing the client sends changes it.
     virtual std::optional<uint32_t> GetClientUid() const = 0;
-    // Reads up to `size` bytes of the body; -1 once it has ended. Bytes already received
-    // come back without suspending; otherwise the caller suspends until more arrive. Throws
-    // IOException when the client stalls past the time-out or goes away. Call it on the
-    // event loop that handed over the request (a work queue job queued by the handler runs
-    // there); the buffer must stay valid until the read completes.
+    // Reads up to `size` bytes of the body that have arrived already: their number, 0 when none
+    // has (or `size` is 0), -1 once the body has ended. Never waits.
+    virtual int64_t ReadAvailable(char* buffer, size_t size) = 0;
+    // As ReadAvailable, but when nothing has arrived the caller suspends until bytes do.
+    // Throws IOException when the client stalls past the time-out or goes away, or the body
+    // is chunked. Call it on the event loop that handed over the request, unless the body is
+    // in memory; the buffer must stay valid until the read completes.
     virtual Task<int64_t> Read(char* buffer, size_t size) = 0;
+    // Whether the whole body arrived with the head: reading it then never waits and needs
+    // nothing of the connection's loop.
+    virtual bool BodyInMemory() const = 0;
 };
 
 // Any thread may complete a response. One released without being sent is sent with
@@ -115,6 +121,8 @@ std::vector<ResponseHeaderDefinition> GetDefaultResponseHeadersDefinitions();
 
 struct HttpLimits {
     static constexpr size_t kMaxHeaderBytes = 16 * 1024;
+    // Event loops, at most; fewer where the daemon may use fewer CPUs.
+    static constexpr size_t kMaxLoops = System::kDefaultLoops;
     static constexpr std::chrono::milliseconds kHeaderTimeout{10'000};
     static constexpr std::chrono::milliseconds kBodyTimeout{30'000};
     static constexpr std::chrono::milliseconds kIdleTimeout{60'000};
@@ -128,6 +136,7 @@ struct HttpLimits {
     std::chrono::milliseconds idleTimeout = kIdleTimeout;
     size_t maxConnections = kMaxConnections;
     std::chrono::milliseconds stopGrace = kStopGrace;
+    size_t maxLoops = kMaxLoops;
 };
 
 class HttpService : public ObjectImpl {

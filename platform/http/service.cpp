@@ -5,14 +5,15 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/beast/core/string.hpp>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <future>
 #include <limits>
 
 #include "platform/base/exceptions.h"
 #include "platform/http/connection.h"
-#include "platform/threads/event_loops.h"
 
 namespace Pelinor::Http {
 
@@ -20,6 +21,7 @@ namespace net = boost::asio;
 using tcp = net::ip::tcp;
 using Service::Log;
 using Service::LogLevel;
+namespace beast = boost::beast;
 using System::EventLoops;
 using System::UniqueFd;
 
@@ -39,7 +41,7 @@ HttpLimits Sanitize(HttpLimits limits) {
 
 // Runs `action` on `executor` and waits until it and everything it queued there has run.
 template <typename Action>
-void RunOn(const net::any_io_executor& executor, Action action) {
+void RunOn(const Executor& executor, Action action) {
     std::promise<void> done;
     net::post(executor, [&] {
         action();
@@ -67,7 +69,7 @@ tcp ProtocolOf(const UniqueFd& fd) {
 
 Listener::Listener(Core& core, UniqueFd fd)
     : core(core),
-      executor(EventLoops::Get().Next()),
+      executor(EventLoops::Get().At(EventLoops::Get().NextIndex())),
       protocol(ProtocolOf(fd)),
       acceptor(executor),
       retry(executor) {
@@ -142,9 +144,34 @@ void Listener::RetryLater() {
 
 // ---- Core -------------------------------------------------------------------------
 
-Core::Core(Ref<Service::Logger> logger, std::vector<ResponseHeaderDefinition> headers,
+namespace {
+
+std::string RenderHeaders(const std::vector<std::pair<std::string, std::string>>& headers) {
+    std::string out;
+    for (const auto& [name, value] : headers) out += name + ": " + value + "\r\n";
+    return out;
+}
+
+std::vector<std::pair<std::string, std::string>> Pairs(
+    const std::vector<ResponseHeaderDefinition>& definitions) {
+    std::vector<std::pair<std::string, std::string>> pairs;
+    for (const auto& definition : definitions)
+        pairs.emplace_back(definition.name, definition.value);
+    return pairs;
+}
+
+}  // namespace
+
+Core::Core(Ref<Service::Logger> logger, const std::vector<ResponseHeaderDefinition>& headers,
            const HttpLimits& limits)
-    : logger(std::move(logger)), headers(std::move(headers)), limits(Sanitize(limits)) {}
+    : logger(std::move(logger)),
+      limits(Sanitize(limits)),
+      headers(Pairs(headers)),
+      renderedHeaders(RenderHeaders(this->headers)) {
+    EventLoops& all = EventLoops::Get(this->limits.maxLoops);
+    for (size_t i = 0; i < all.Size(); ++i)
+        loops.push_back(std::make_unique<LoopConnections>(*this, all.At(i)));
+}
 
 Core::~Core() = default;
 
@@ -158,19 +185,25 @@ void Core::SetHandler(const Ref<RequestHandler>& h) {
     handler = h;
 }
 
-Ref<RequestHandler> Core::GetHandler() {
-    std::lock_guard lock(mutex);
-    return handler;
-}
-
-Message Core::MakeMessage(const ResponseCode& code, unsigned version) const {
-    Message message;
-    message.version(version);
-    message.result(static_cast<unsigned>(code.code));
-    message.reason(code.reason);
-    for (const auto& header : headers) message.set(header.name, header.value);
-    message.content_length(0);
-    return message;
+void Core::Render(std::string& out, const Answer& answer, unsigned version, bool keepAlive) const {
+    char code[16];
+    auto end = std::to_chars(code, code + sizeof code, answer.code).ptr;
+    out.assign(version >= 11 ? "HTTP/1.1 " : "HTTP/1.0 ");
+    out.append(code, end).append(" ").append(answer.reason).append("\r\n");
+    if (answer.headers.empty()) {
+        out += renderedHeaders;
+    } else {  // a handler's header replaces the service's of the same name
+        for (const auto& [name, value] : headers) {
+            if (std::none_of(answer.headers.begin(), answer.headers.end(),
+                             [&](const auto& own) { return beast::iequals(own.first, name); }))
+                out.append(name).append(": ").append(value).append("\r\n");
+        }
+        out += RenderHeaders(answer.headers);
+    }
+    out += "Content-Length: 0\r\n";
+    if (version >= 11 && !keepAlive) out += "Connection: close\r\n";
+    if (version < 11 && keepAlive) out += "Connection: keep-alive\r\n";
+    out += "\r\n";
 }
 
 void Core::Start() {
@@ -188,24 +221,26 @@ bool Core::Full() {
 }
 
 void Core::Open(UniqueFd fd, const tcp& protocol, std::optional<uint32_t> clientUid) {
-    auto executor = EventLoops::Get().Next();
-    tcp::socket socket(executor);
+    size_t loop = EventLoops::Get().NextIndex() % loops.size();
+    auto executor = EventLoops::Get().At(loop);
+    TcpSocket socket(executor);
     boost::system::error_code ec;
     socket.assign(protocol, fd.Get(), ec);
     if (ec) return;
     fd.Release();
-    // Connections share ownership of the core, never the reverse: a request may outlive
-    // the service.
-    auto connection =
-        std::make_shared<Connection>(shared_from_this(), std::move(socket), clientUid);
+    std::shared_ptr<Connection<TcpSocket>> connection;
     {
         std::lock_guard lock(mutex);
+        // Connections share ownership of the core, never the reverse: a request may outlive
+        // the service. Each takes the handler it serves once.
+        connection = std::make_shared<Connection<TcpSocket>>(shared_from_this(), *loops[loop],
+                                                             std::move(socket), handler, clientUid);
         connections.emplace(connection.get(), connection);
     }
-    net::co_spawn(executor, Connection::Run(connection), net::detached);
+    net::co_spawn(executor, Connection<TcpSocket>::Run(connection), net::detached);
 }
 
-void Core::Unregister(const Connection* connection) {
+void Core::Unregister(const ConnectionBase* connection) {
     bool wasFull;
     {
         std::lock_guard lock(mutex);
@@ -220,7 +255,7 @@ void Core::Unregister(const Connection* connection) {
 
 template <typename Action>
 void Core::ForEachConnection(Action action) {
-    std::vector<std::shared_ptr<Connection>> live;
+    std::vector<std::shared_ptr<ConnectionBase>> live;
     {
         std::lock_guard lock(mutex);
         for (auto& [key, weak] : connections) {
@@ -228,7 +263,7 @@ void Core::ForEachConnection(Action action) {
         }
     }
     for (auto& connection : live) {
-        net::post(connection->Executor(), [connection, action] { action(*connection); });
+        net::post(connection->GetExecutor(), [connection, action] { action(*connection); });
     }
 }
 
@@ -238,7 +273,7 @@ bool Core::WaitUntilNoConnections(std::chrono::milliseconds limit) {
 }
 
 void Core::Stop() {
-    if (EventLoops::Get().OnLoopThread()) {
+    if (EventLoops::Current()) {
         throw std::logic_error("The HTTP service cannot be stopped from its own event loop");
     }
     std::lock_guard stopLock(stopMutex);
@@ -250,9 +285,9 @@ void Core::Stop() {
     stopping = true;
     for (auto& listener : listeners) listener->Close();
     // Idle keep-alive connections have nothing to finish; busy ones close after their answer.
-    ForEachConnection([](Connection& connection) { connection.CloseIfIdle(); });
+    ForEachConnection([](ConnectionBase& connection) { connection.CloseIfIdle(); });
     if (!WaitUntilNoConnections(limits.stopGrace)) {
-        ForEachConnection([](Connection& connection) { connection.Close(); });
+        ForEachConnection([](ConnectionBase& connection) { connection.Close(); });
         if (!WaitUntilNoConnections(kSettleWait)) {
             Log(logger, LogLevel::Warning, "HTTP connections did not settle in time");
         }

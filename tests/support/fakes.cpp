@@ -78,19 +78,26 @@ void FakeResponse::Send() {
     delivered.set_value(held.value_or(500));
 }
 
-Pelinor::Task<int64_t> FakeRequest::Read(char* buffer, size_t size) {
-    if (piece != 0) {
-        co_await boost::asio::post(co_await boost::asio::this_coro::executor,
-                                   boost::asio::use_awaitable);
-        size = std::min(size, piece);
-    }
+int64_t FakeRequest::ReadAvailable(char* buffer, size_t size) {
+    if (piece != 0) return 0;  // trickled: each piece must be waited for
     size_t offset = bytesRead;
     if (offset >= failAfter) throw Pelinor::IOException("client went away");
-    if (offset >= body.size()) co_return -1;
+    if (offset >= body.size()) return -1;
     size_t n = std::min(size, body.size() - offset);
     body.copy(buffer, n, offset);
     bytesRead += n;
-    co_return static_cast<int64_t>(n);
+    return static_cast<int64_t>(n);
+}
+
+Pelinor::Task<int64_t> FakeRequest::Read(char* buffer, size_t size) {
+    if (piece == 0) co_return ReadAvailable(buffer, size);
+    co_await boost::asio::post(co_await boost::asio::this_coro::executor,
+                               boost::asio::use_awaitable_t<Pelinor::Executor>{});
+    size_t wanted = piece;
+    piece = 0;
+    int64_t n = ReadAvailable(buffer, std::min(size, wanted));
+    piece = wanted;
+    co_return n;
 }
 
 }  // namespace TessardTest

@@ -77,7 +77,9 @@ class FakeRequest : public Pelinor::Http::Request {
         return declaredLength.has_value();
     }
     std::optional<uint32_t> GetClientUid() const override { return clientUid; }
+    int64_t ReadAvailable(char* buffer, size_t size) override;
     Pelinor::Task<int64_t> Read(char* buffer, size_t size) override;
+    bool BodyInMemory() const override { return piece == 0; }
 
   private:
     const std::string url, body, contentType;
