@@ -33,7 +33,8 @@ enum class Kind {
     PluginLogLevel,
     PidsMax,
     Writers,
-    PluginUser
+    PluginUser,
+    Loops
 };
 
 std::optional<Kind> Classify(const std::string& key) {
@@ -44,6 +45,7 @@ std::optional<Kind> Classify(const std::string& key) {
     if (key == kPoolSizeKey) return Kind::PoolSize;
     if (key == kWritersKey || key.starts_with(kReportWritersPrefix)) return Kind::Writers;
     if (key == kPluginUserKey) return Kind::PluginUser;
+    if (key == kHttpLoopsKey) return Kind::Loops;
     if (!key.starts_with(kOverridesPrefix)) return std::nullopt;
     // pluginOverrides/<plugin name, slashes allowed>/<setting>
     auto slash = key.rfind('/');
@@ -105,6 +107,11 @@ std::string ValueProblem(Kind kind, const std::string& value) {
             for (const std::string& name : unknown) names += (names.empty() ? "" : ", ") + name;
             return names.empty() ? "" : "not all known: " + names + " left out";
         }
+        case Kind::Loops:
+            if (!Config::ParseInt(value, number)) return "not an integer: ignored";
+            return number >= 1 && number <= kMaxHttpLoops
+                       ? ""
+                       : Pelinor::Format("outside 1 to %1: ignored", kMaxHttpLoops);
         case Kind::PluginUser:
             return Pelinor::System::FindUser(value)
                        ? ""
@@ -148,8 +155,9 @@ std::vector<ConfigProblem> OverridesOfNoPlugin(const Config& config,
 bool IsEmptySection(const Config::Entry& entry) {
     return entry.value.empty() &&
            (entry.key == "log" || entry.key == "metrics" || entry.key == "plugins" ||
-            entry.key == kAccessSection || entry.key + "/" == kReportWritersPrefix ||
-            entry.key + "/" == kOverridesPrefix || entry.key.starts_with(kOverridesPrefix));
+            entry.key == "http" || entry.key == kAccessSection ||
+            entry.key + "/" == kReportWritersPrefix || entry.key + "/" == kOverridesPrefix ||
+            entry.key.starts_with(kOverridesPrefix));
 }
 
 }  // namespace

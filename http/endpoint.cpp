@@ -40,8 +40,18 @@ void Endpoint::Start(const Ref<Pelinor::Service::Config>& configuration,
     Ref<Pelinor::Http::RequestHandler> handler =
         Pelinor::MakeRef<TessardHandler>(reportDirectory, reportObserver, writerPolicy);
 
+    Pelinor::Http::HttpLimits limits;
+    int32_t loops = 0;
+    if (configuration->GetInt(kHttpLoopsKey, loops)) {
+        if (loops >= 1 && loops <= kMaxHttpLoops) {
+            limits.maxLoops = static_cast<size_t>(loops);
+        } else {
+            Log(logger, LogLevel::Warning, "%1 must be 1 to %2, not %3: ignored", kHttpLoopsKey,
+                kMaxHttpLoops, loops);
+        }
+    }
     httpService = Pelinor::Http::CreateHttpSvc(
-        socket, logger, Pelinor::Http::GetDefaultResponseHeadersDefinitions());
+        socket, logger, Pelinor::Http::GetDefaultResponseHeadersDefinitions(), limits);
     httpService->SetRequestHandler(handler);
     httpService->Start();
     Log(logger, LogLevel::Info, "HTTP endpoint listening on port: %1", port);

@@ -13,6 +13,9 @@
 namespace Tessard {
 
 constexpr const char* kHttpPortKey = "httpPort";
+// At most this many event loops serve reports; fewer where the daemon may use fewer CPUs.
+constexpr const char* kHttpLoopsKey = "http/loops";
+constexpr int32_t kMaxHttpLoops = 64;
 constexpr int32_t kDefaultHttpPort = 9996;
 constexpr const char* kListenHost = "localhost";
 // The daemon's own address as plugins are told it: scheme and host, no port.

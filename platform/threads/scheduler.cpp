@@ -14,6 +14,7 @@
 #include "platform/base/exceptions.h"
 #include "platform/base/format.h"
 #include "platform/base/logging.h"
+#include "platform/threads/event_loops.h"
 #include "platform/threads/scheduler_loop.h"
 
 namespace Pelinor::System {
@@ -83,7 +84,10 @@ class AsioScheduler : public Scheduler {
         : timeScale(timeScale),
           context(std::make_shared<net::io_context>()),
           work(net::make_work_guard(*context)),
-          thread([this] { context->run(); }) {}
+          thread([this] {
+              NameThread("tessard-plugins");
+              context->run();
+          }) {}
 
     ~AsioScheduler() override {
         // Pending timers are destroyed with the context, releasing their callbacks unrun.

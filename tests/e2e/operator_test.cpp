@@ -68,7 +68,7 @@ TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
          "</a><b><enabled>no</enabled></b></pluginOverrides>\n<plugins><user>nobody</user></"
          "plugins>"
          "<access><writers>root, %root 0</writers><reports><cpu>nobody</cpu></reports></access>"
-         "</config>\n"},
+         "<http><loops>2</loops></http></config>\n"},
         {{check},
          1,
          {"Configuration ",
@@ -81,13 +81,14 @@ TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
           "config.xml:6: access/writers: 'root nosuch %nosuch' is not all known: user nosuch, "
           "group %nosuch left out\n",
           "config.xml:7: plugins/user: 'nosuch' is not a user: plugins run as nobody\n",
-          "broken.json\n", "  a                       slow", "Problems found.\n"},
+          "config.xml:7: http/loops: '99' is outside 1 to 64: ignored\n", "broken.json\n",
+          "  a                       slow", "Problems found.\n"},
          {},
          "<config>\n<httpPort>99x</httpPort>\n<pluginOverides><a><enabled>no</enabled></a>"
          "</pluginOverides>\n<pluginOverrides><rpSizeMb>900</rpSizeMb>\n<a><enabled>maybe</enabled>"
          "</a><dsk><loglevel>info</loglevel><pidsMax>9</pidsMax></dsk></pluginOverrides>\n"
          "<access><writers>root nosuch %nosuch</writers></access>\n"
-         "<plugins><user>nosuch</user></plugins></config>\n",
+         "<plugins><user>nosuch</user></plugins><http><loops>99</loops></http></config>\n",
          "{\"path\": "},
     };
     for (const Row& row : rows) {
