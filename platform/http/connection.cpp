@@ -37,10 +37,7 @@ void LoopConnections::Add(ConnectionBase* connection) {
     connection->next = first;
     if (first != nullptr) first->previous = connection;
     first = connection;
-    if (!sweeping) {
-        sweeping = true;
-        Sweep();
-    }
+    if (!sweeping) Sweep();
 }
 
 void LoopConnections::Remove(ConnectionBase* connection) {
@@ -48,25 +45,21 @@ void LoopConnections::Remove(ConnectionBase* connection) {
     if (connection->next != nullptr) connection->next->previous = connection->previous;
     if (first == connection) first = connection->next;
     connection->previous = connection->next = nullptr;
+    if (first == nullptr) sweeper.cancel();  // an idle loop wakes for nobody
 }
 
 void LoopConnections::Sweep() {
+    sweeping = false;
+    if (first == nullptr) return;
     auto now = Clock::now();
     for (ConnectionBase* connection = first; connection != nullptr; connection = connection->next)
         connection->Sweep(now);
-    if (first == nullptr) {
-        sweeping = false;
-        return;
-    }
+    sweeping = true;
     sweeper.expires_at(now + kSweepPeriod);
-    // The service's state lives until the last sweep of its last connection.
-    sweeper.async_wait([this, keep = core.shared_from_this()](const boost::system::error_code& ec) {
-        if (ec) {
-            sweeping = false;
-        } else {
-            Sweep();
-        }
-    });
+    // The service's state lives until the last sweep of its last connection. Called off when
+    // that one leaves, it still looks whether another came meanwhile.
+    sweeper.async_wait(
+        [this, keep = core.shared_from_this()](const boost::system::error_code&) { Sweep(); });
 }
 
 }  // namespace Pelinor::Http

@@ -193,10 +193,11 @@ void Core::Render(std::string& out, const Answer& answer, unsigned version, bool
     if (answer.headers.empty()) {
         out += renderedHeaders;
     } else {  // a handler's header replaces the service's of the same name
-        for (const auto& [name, value] : headers) {
-            if (std::none_of(answer.headers.begin(), answer.headers.end(),
-                             [&](const auto& own) { return beast::iequals(own.first, name); }))
-                out.append(name).append(": ").append(value).append("\r\n");
+        for (const auto& header : headers) {
+            if (std::none_of(answer.headers.begin(), answer.headers.end(), [&](const auto& own) {
+                    return beast::iequals(own.first, header.first);
+                }))
+                out.append(header.first).append(": ").append(header.second).append("\r\n");
         }
         out += RenderHeaders(answer.headers);
     }
