@@ -103,17 +103,24 @@ void WriterPolicy::Load(const Pelinor::Service::Config& config, uint32_t pluginU
                 entry.key, name, config.Where(entry));
         }
     }
-    rules.store(std::move(fresh));
+    std::lock_guard lock(mutex);
+    restricted.store(fresh->restricted, std::memory_order_relaxed);
+    rules = std::move(fresh);
+}
+
+std::shared_ptr<const WriterPolicy::Rules> WriterPolicy::Current() const {
+    std::lock_guard lock(mutex);
+    return rules;
 }
 
 bool WriterPolicy::Restricted() const {
-    auto current = rules.load();
-    return current && current->restricted;
+    return restricted.load(std::memory_order_relaxed);
 }
 
 bool WriterPolicy::Allows(std::optional<uint32_t> uid, const std::string& reportName) const {
-    auto current = rules.load();
-    if (!current || !current->restricted) return true;
+    if (!Restricted()) return true;
+    auto current = Current();
+    if (!current->restricted) return true;  // loaded since
     if (!uid) return false;
     if (*uid == current->pluginUid || current->Lists(current->everyName, *uid)) return true;
     auto named = current->byName.find(reportName);

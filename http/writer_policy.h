@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -46,7 +47,12 @@ class WriterPolicy {
 
   private:
     struct Rules;
-    std::atomic<std::shared_ptr<const Rules>> rules;
+    std::shared_ptr<const Rules> Current() const;
+
+    // Read without a lock: a host without an access section pays nothing per request.
+    std::atomic<bool> restricted{false};
+    mutable std::mutex mutex;  // guards rules
+    std::shared_ptr<const Rules> rules;
 };
 
 }  // namespace Tessard

@@ -56,10 +56,9 @@ void LoopConnections::Sweep() {
         connection->Sweep(now);
     sweeping = true;
     sweeper.expires_at(now + kSweepPeriod);
-    // The service's state lives until the last sweep of its last connection. Called off when
-    // that one leaves, it still looks whether another came meanwhile.
+    // Called off when the last connection leaves, it still looks whether another came since.
     sweeper.async_wait(
-        [this, keep = core.shared_from_this()](const boost::system::error_code&) { Sweep(); });
+        [self = shared_from_this()](const boost::system::error_code&) { self->Sweep(); });
 }
 
 }  // namespace Pelinor::Http

@@ -170,7 +170,7 @@ Core::Core(Ref<Service::Logger> logger, const std::vector<ResponseHeaderDefiniti
       renderedHeaders(RenderHeaders(this->headers)) {
     EventLoops& all = EventLoops::Get(this->limits.maxLoops);
     for (size_t i = 0; i < all.Size(); ++i)
-        loops.push_back(std::make_unique<LoopConnections>(*this, all.At(i)));
+        loops.push_back(std::make_shared<LoopConnections>(all.At(i)));
 }
 
 Core::~Core() = default;

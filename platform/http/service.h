@@ -82,16 +82,15 @@ class ConnectionBase : public std::enable_shared_from_this<ConnectionBase> {
 
 // The connections of one loop, touched only on its thread, and the sweep that keeps their
 // time: one timer per loop instead of one per connection and state.
-class LoopConnections {
+class LoopConnections : public std::enable_shared_from_this<LoopConnections> {
   public:
-    LoopConnections(Core& core, Executor executor) : core(core), sweeper(executor) {}
+    explicit LoopConnections(Executor executor) : sweeper(executor) {}
     void Add(ConnectionBase* connection);
     void Remove(ConnectionBase* connection);
 
   private:
     void Sweep();
 
-    Core& core;
     Timer sweeper;
     ConnectionBase* first = nullptr;
     bool sweeping = false;
@@ -155,7 +154,8 @@ class Core : public std::enable_shared_from_this<Core> {
 
     const std::vector<std::pair<std::string, std::string>> headers;
     const std::string renderedHeaders;  // the service's own, as they go on the wire
-    std::vector<std::unique_ptr<LoopConnections>> loops;  // by loop index
+    // By loop index; a pending sweep keeps its own, not the service's state.
+    std::vector<std::shared_ptr<LoopConnections>> loops;
     std::vector<std::unique_ptr<Listener>> listeners;
     std::atomic<bool> stopping{false};
     std::mutex stopMutex;  // one Stop at a time

@@ -117,13 +117,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     net::io_context io;
     Pelinor::System::ScopedLoop loop(io);
-    Pelinor::Http::LoopConnections home(*core, io.get_executor());
+    auto home = std::make_shared<Pelinor::Http::LoopConnections>(io.get_executor());
     std::string output;
     bool done = false;
     net::co_spawn(io,
                   Pelinor::Http::Connection<MemorySocket>::Run(
                       std::make_shared<Pelinor::Http::Connection<MemorySocket>>(
-                          core, home, MemorySocket(io.get_executor(), input, piece, output),
+                          core, *home, MemorySocket(io.get_executor(), input, piece, output),
                           handler, clientUid)),
                   [&](std::exception_ptr) { done = true; });
     io.run();  // the jobs' ends too, so that every name's queue is free for the next input
