@@ -123,16 +123,18 @@ int ExitCode(const PluginRunOutcome& outcome) {
 StatusBoard::StatusBoard(DaemonFigures daemon) : daemon(std::move(daemon)) {}
 
 void StatusBoard::OnReport(const ReportOutcome& outcome) {
-    std::lock_guard lock(mutex);
-    auto found = reports.find(outcome.name);
-    if (found == reports.end()) {
+    ReportShard& shard = shards[std::hash<std::string>{}(outcome.name) % kReportShards];
+    std::lock_guard lock(shard.mutex);
+    shard.changed = true;
+    auto found = shard.reports.find(outcome.name);
+    if (found == shard.reports.end()) {
         // Names the daemon refuses are any bytes a client sent: counted, never shown.
-        if (reports.size() >= kMaxTrackedReportNames || !IsReportName(outcome.name)) {
-            ++untrackedReports;
-            changed = true;
+        if (!IsReportName(outcome.name) ||
+            trackedNames.fetch_add(1, std::memory_order_relaxed) >= kMaxTrackedReportNames) {
+            untrackedReports.fetch_add(1, std::memory_order_relaxed);
             return;
         }
-        found = reports.emplace(outcome.name, ReportState{}).first;
+        found = shard.reports.emplace(outcome.name, ReportState{}).first;
     }
     ReportState& report = found->second;
     ++report.answers[outcome.code];
@@ -141,7 +143,15 @@ void StatusBoard::OnReport(const ReportOutcome& outcome) {
         report.size = outcome.size;
         report.writer = outcome.writer;
     }
-    changed = true;
+}
+
+std::map<std::string, StatusBoard::ReportState> StatusBoard::Reports() const {
+    std::map<std::string, ReportState> all;
+    for (ReportShard& shard : shards) {
+        std::lock_guard lock(shard.mutex);
+        all.insert(shard.reports.begin(), shard.reports.end());
+    }
+    return all;
 }
 
 void StatusBoard::OnScheduled(const std::vector<PluginPlan>& plans) {
@@ -194,11 +204,17 @@ const std::string& StatusBoard::UserName(uint32_t uid) const {
 }
 
 bool StatusBoard::TakeChanged() {
+    bool any = false;
+    for (ReportShard& shard : shards) {
+        std::lock_guard lock(shard.mutex);
+        any = std::exchange(shard.changed, false) || any;
+    }
     std::lock_guard lock(mutex);
-    return std::exchange(changed, false);
+    return std::exchange(changed, false) || any;
 }
 
 std::string StatusBoard::Json(Clock::time_point now) const {
+    const auto reports = Reports();
     std::lock_guard lock(mutex);
     rapidjson::StringBuffer buffer;
     Writer json(buffer);
@@ -242,7 +258,7 @@ std::string StatusBoard::Json(Clock::time_point now) const {
     }
     json.EndArray();
     json.Key("untrackedReports");
-    json.Uint64(untrackedReports);
+    json.Uint64(untrackedReports.load(std::memory_order_relaxed));
 
     json.Key("plugins");
     json.StartArray();
@@ -308,6 +324,7 @@ std::string StatusBoard::Json(Clock::time_point now) const {
 }
 
 std::string StatusBoard::Prometheus(Clock::time_point now) const {
+    const auto reports = Reports();
     std::lock_guard lock(mutex);
     Metrics m;
     m.Family("tessard_info", "gauge", "Version and build of the running daemon.");
@@ -330,7 +347,7 @@ std::string StatusBoard::Prometheus(Clock::time_point now) const {
             m.Sample({{"name", name}, {"code", std::to_string(code)}}, static_cast<double>(count));
     m.Family("tessard_reports_untracked_total", "counter",
              "Report requests of refused names or of names beyond the tracked number.");
-    m.Sample({}, static_cast<double>(untrackedReports));
+    m.Sample({}, static_cast<double>(untrackedReports.load(std::memory_order_relaxed)));
 
     m.Family("tessard_plugin_period_seconds", "gauge", "Period of each scheduled plugin.");
     for (const auto& [name, plugin] : plugins)

@@ -2,6 +2,8 @@
 // the plugin pool's figures, as the status file's JSON and as Prometheus text.
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -55,21 +57,31 @@ class StatusBoard {
         std::optional<uint32_t> writer;   // of the newest stored report
         std::map<int, uint64_t> answers;  // by HTTP status
     };
+    // Report names in shards, so that reports of different names seldom take the same lock.
+    struct ReportShard {
+        std::mutex mutex;
+        std::map<std::string, ReportState> reports;
+        bool changed = false;
+    };
     struct PluginState {
         PluginPlan plan;
         std::optional<Clock::time_point> lastStart;
         std::optional<PluginRunOutcome> last;
         std::map<PluginEnd, uint64_t> ends;
     };
+    static constexpr size_t kReportShards = 16;
 
+    // Every shard's names, merged in name order.
+    std::map<std::string, ReportState> Reports() const;
     // The user database is asked once per writer.
     const std::string& UserName(uint32_t uid) const;
 
-    mutable std::mutex mutex;
+    mutable std::array<ReportShard, kReportShards> shards;
+    std::atomic<size_t> trackedNames{0};
+    std::atomic<uint64_t> untrackedReports{0};
+    mutable std::mutex mutex;  // guards what follows
     const DaemonFigures daemon;
     mutable std::map<uint32_t, std::string> userNames;
-    std::map<std::string, ReportState> reports;
-    uint64_t untrackedReports = 0;
     std::map<std::string, PluginState> plugins;
     PoolFigures pool;
     std::optional<Clock::time_point> stopped;

@@ -80,16 +80,14 @@ void TessardHandler::HandlePost(const Ref<Pelinor::Http::Request>& request,
         Log(logger, LogLevel::Verbose, "Report %1 from %2", reportName, DescribeWriter(writer));
     Log(logger, LogLevel::Info, "Report Path: %1", reportDirectory + reportName);
 
-    Ref<ReportRoller> roller;
-    Ref<Pelinor::System::WorkQueue> workQueue;
-    {
+    const ReportEntry* entry = reportRegistry.Find(reportName);
+    bool created = false;
+    if (entry == nullptr) {
         std::lock_guard guard(*exclusiveLock);
-        if (auto found = reportRegistry.find(reportName); found != reportRegistry.end()) {
-            roller = found->second.roller;
-            workQueue = found->second.workQueue;
-            Log(logger, LogLevel::Trivia,
-                "Retrieved report rotation and workqueue object for report name: %1", reportName);
-        } else {
+        // Another request of the name may have made it meanwhile.
+        entry = reportRegistry.Find(reportName);
+        if (entry == nullptr) {
+            Ref<ReportRoller> roller;
             try {
                 roller = Pelinor::MakeRef<ReportRoller>(reportDirectory, reportName, kMaxReports,
                                                         logger);
@@ -99,17 +97,41 @@ void TessardHandler::HandlePost(const Ref<Pelinor::Http::Request>& request,
                 refuse(ResponseCode::InternalServerError);
                 return;
             }
+            Ref<Pelinor::System::WorkQueue> workQueue;
             Pelinor::System::GetThreadPool().CreateWorkQueue(
                 {"work-queue-" + reportName, kBacklogWarning}, workQueue);
-            reportRegistry.emplace(reportName, ReportEntry{roller, workQueue});
-            Log(logger, LogLevel::Trivia,
-                "Created report rotation and workqueue object for report name: %1", reportName);
+            auto target =
+                Pelinor::MakeRef<ReportTarget>(reportName, std::move(roller), logger, observer);
+            entry = &reportRegistry.Add(reportName, {std::move(target), std::move(workQueue)});
+            created = true;
         }
     }
+    Log(logger, LogLevel::Trivia,
+        created ? "Created report rotation and workqueue object for report name: %1"
+                : "Retrieved report rotation and workqueue object for report name: %1",
+        reportName);
     // A body already in memory lets the job run on whichever loop frees the name's queue.
-    workQueue->Enqueue(ReportWriteJob{logger, Ref<Pelinor::ObjectImpl>(this), request, response,
-                                      std::move(roller), observer, reportName, writer},
-                       request->BodyInMemory());
+    entry->workQueue->Enqueue(ReportWriteJob{entry->target, request, response, writer},
+                              request->BodyInMemory());
+}
+
+const TessardHandler::ReportEntry* TessardHandler::Registry::Find(std::string_view name) const {
+    const auto& bucket = buckets[std::hash<std::string_view>{}(name) % kBuckets];
+    for (const Node* node = bucket.load(std::memory_order_acquire); node != nullptr;
+         node = node->next) {
+        if (node->name == name) return &node->entry;
+    }
+    return nullptr;
+}
+
+const TessardHandler::ReportEntry& TessardHandler::Registry::Add(std::string name,
+                                                                 ReportEntry entry) {
+    auto& bucket = buckets[std::hash<std::string_view>{}(name) % kBuckets];
+    nodes.push_back(std::make_unique<Node>(
+        Node{std::move(name), std::move(entry), bucket.load(std::memory_order_relaxed)}));
+    // Published whole: a lookup on another thread sees the node with all it holds.
+    bucket.store(nodes.back().get(), std::memory_order_release);
+    return nodes.back()->entry;
 }
 
 }  // namespace Tessard

@@ -9,18 +9,18 @@ using Pelinor::Http::ResponseCode;
 using Pelinor::Service::Log;
 using Pelinor::Service::LogLevel;
 
-Pelinor::Task<void> WriteReport(Ref<Pelinor::Http::Request> request,
-                                Ref<Pelinor::Http::Response> response, Ref<ReportRoller> roller,
-                                Ref<Pelinor::Service::Logger> logger,
-                                ReportOutcomeObserver observer, std::string reportName,
+Pelinor::Task<void> WriteReport(Ref<ReportTarget> target, Ref<Pelinor::Http::Request> request,
+                                Ref<Pelinor::Http::Response> response,
                                 std::optional<uint32_t> writer) {
+    const Ref<Pelinor::Service::Logger>& logger = target->logger;
+    ReportRoller& roller = *target->roller;
     Ref<Pelinor::System::OutputStream> stream;
     Ref<Pelinor::System::File> file;
-    if (!roller->CreateTempFile(stream, file)) {
+    if (!roller.CreateTempFile(stream, file)) {
         Log(logger, LogLevel::Error, "Creation of report failed");
         // Not sent here: the response goes out with this code once it is released.
         response->SetResponseCode(ResponseCode::InternalServerError);
-        Tell(observer, {reportName, ResponseCode::InternalServerError.code, 0, writer});
+        Tell(target->observer, {target->name, ResponseCode::InternalServerError.code, 0, writer});
         co_return;
     }
 
@@ -44,10 +44,11 @@ Pelinor::Task<void> WriteReport(Ref<Pelinor::Http::Request> request,
         stream->Write(buffer, static_cast<size_t>(n));
     }
     stream->Close();
-    roller->Rotate(file);
+    roller.Rotate(file);
 
     response->SetResponseCode(code);
-    Tell(observer, {reportName, code.code, code == ResponseCode::Ok ? byteCount : 0, writer});
+    Tell(target->observer,
+         {target->name, code.code, code == ResponseCode::Ok ? byteCount : 0, writer});
     try {
         response->Send();
     } catch (const Pelinor::IOException& e) {
