@@ -78,7 +78,8 @@ void TessardHandler::HandlePost(const Ref<Pelinor::Http::Request>& request,
     Log(logger, LogLevel::Verbose, "Report Name: %1", url);
     if (logger->IsEnabled(LogLevel::Verbose))
         Log(logger, LogLevel::Verbose, "Report %1 from %2", reportName, DescribeWriter(writer));
-    Log(logger, LogLevel::Info, "Report Path: %1", reportDirectory + reportName);
+    if (logger->IsEnabled(LogLevel::Info))
+        Log(logger, LogLevel::Info, "Report Path: %1", reportDirectory + reportName);
 
     const ReportEntry* entry = reportRegistry.Find(reportName);
     bool created = false;

@@ -59,7 +59,7 @@ void ReportRoller::FindLastIndex() {
          SystemFactory::sInstance->CreateFile(baseDirectory)->ListFiles()) {
         if (entry->IsDirectory() || entry->IsSymlink()) continue;
         std::smatch match;
-        std::string name = entry->GetName();
+        std::string name(entry->GetName());
         if (!std::regex_match(name, match, pattern)) continue;
         currentIndex = std::max(currentIndex, static_cast<int32_t>(match.str(1)[0] - '0'));
     }
@@ -87,7 +87,10 @@ bool ReportRoller::CreateTempFile(Ref<Pelinor::System::OutputStream>& stream, Re
 }
 
 void ReportRoller::Rotate(const Ref<File>& file) {
-    std::string target = baseDirectory + file->GetName().substr(1);
+    std::string_view name = file->GetName().substr(1);
+    std::string target;
+    target.reserve(baseDirectory.size() + name.size());
+    target.append(baseDirectory).append(name);
     // Renamed first and asked about only on failure: the rename itself finds out whether the
     // file is there, so the common case costs no extra look-up.
     Ref<File> renamed = file->Rename(target);

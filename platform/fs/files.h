@@ -26,7 +26,7 @@ class File : public ObjectImpl {
     static constexpr int kReplaceLink = 1;
 
     virtual const std::string& GetPath() const = 0;
-    std::string GetName() const;  // last path component
+    std::string_view GetName() const;  // last path component, as long as the file lives
     std::string ToString() const override { return GetPath(); }
 
     virtual bool Exists() const = 0;       // the entry itself, links not followed

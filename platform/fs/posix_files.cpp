@@ -22,15 +22,18 @@ namespace {
 constexpr size_t kStreamBufferSize = 64 * 1024;
 constexpr mode_t kFileMode = 0644;
 
-std::string DirectoryOf(const std::string& path) {
+std::string_view DirectoryOf(std::string_view path) {
     auto slash = path.rfind('/');
-    return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+    return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash + 1);
 }
 
 // The hidden name beside `path` that a new version is made under before it replaces it.
-std::string HiddenSibling(const std::string& path, const char* suffix) {
-    std::string directory = DirectoryOf(path);
-    return directory + "." + path.substr(directory.size()) + suffix;
+std::string HiddenSibling(std::string_view path, std::string_view suffix) {
+    std::string_view directory = DirectoryOf(path);
+    std::string hidden;
+    hidden.reserve(path.size() + 1 + suffix.size());
+    hidden.append(directory).append(".").append(path.substr(directory.size())).append(suffix);
+    return hidden;
 }
 
 // A thread's spare stream buffer. The jobs of an event loop mostly run one after another,
@@ -145,8 +148,7 @@ class PosixFile : public File {
     }
 
     bool CreateSymlink(const std::string& linkPath, int flags) const override {
-        std::string directory = DirectoryOf(linkPath);
-        std::string target = DirectoryOf(path) == directory ? GetName() : path;
+        std::string target(DirectoryOf(path) == DirectoryOf(linkPath) ? GetName() : path);
         if ((flags & kReplaceLink) == 0) return ::symlink(target.c_str(), linkPath.c_str()) == 0;
 
         struct stat st;
@@ -198,10 +200,9 @@ class PosixFactory : public SystemFactory {
 
 }  // namespace
 
-std::string File::GetName() const {
-    const std::string& path = GetPath();
-    auto slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
+std::string_view File::GetName() const {
+    std::string_view path = GetPath();
+    return path.substr(path.rfind('/') + 1);  // npos + 1 is 0: the whole path
 }
 
 std::string TamperProblem(const std::string& path, const std::string& top) {
@@ -216,13 +217,13 @@ std::string TamperProblem(const std::string& path, const std::string& top) {
         if ((st.st_mode & S_IWOTH) != 0) return current + " is writable by everyone";
         if ((st.st_mode & S_IWGRP) != 0) return current + " is writable by its group";
         if (current.size() <= limit.size() || !current.starts_with(limit)) return "";
-        current = DirectoryOf(current);
+        current = std::string(DirectoryOf(current));
         while (current.size() > 1 && current.back() == '/') current.pop_back();
     }
 }
 
 void ReplaceFile(const std::string& path, std::string_view content) {
-    std::string directory = DirectoryOf(path);
+    std::string directory(DirectoryOf(path));
     std::error_code error;
     if (!directory.empty()) std::filesystem::create_directories(directory, error);
     if (error) throw IOException("Cannot make " + directory + ": " + error.message());

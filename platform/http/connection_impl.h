@@ -162,9 +162,8 @@ std::optional<Answer> Connection<Socket>::RefusalOfHead(const boost::beast::erro
 
 template <typename Socket>
 Task<bool> Connection<Socket>::Exchange() {
-    const HeadParser& head = *parser;
-    unsigned version = head.versionNumber >= 11 ? 11 : 10;
-    expectContinue = version == 11 && head.expectContinue;
+    unsigned version = parser->versionNumber >= 11 ? 11 : 10;
+    expectContinue = version == 11 && parser->expectContinue;
     continueSent = closeAfterAnswer = false;
     answer.reset();
     auto length = parser->content_length();
@@ -176,7 +175,9 @@ Task<bool> Connection<Socket>::Exchange() {
     uint64_t current = ++exchange;
     phase = Phase::Handling;
     {
-        RequestHead request{head.methodText, head.target, head.contentType,
+        // The head's texts are the request's now: the parser has no use for them any more.
+        RequestHead request{std::move(parser->methodText), std::move(parser->target),
+                            std::move(parser->contentType),
                             length ? std::optional<uint64_t>(*length) : std::nullopt, clientUid};
         if (memoryBody) {
             request.memoryBody.emplace(static_cast<const char*>(buffer.data().data()),
@@ -241,7 +242,7 @@ void Connection<Socket>::Dispatch(const Ref<Request>& request, const Ref<Respons
         return;
     } catch (const std::exception& e) {
         Service::Log(core->logger, Service::LogLevel::Error, "Handling %1 %2 failed: %3",
-                     parser->methodText, parser->target, e.what());
+                     request->GetMethod(), request->GetUrl(), e.what());
     }
     // The handler may have left the exchange half done; start afresh on a new connection.
     closeAfterAnswer = true;
