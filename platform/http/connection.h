@@ -72,6 +72,7 @@ class Connection final : public ConnectionBase {
     void Dispatch(const Ref<Request>& request, const Ref<Response>& response);
     std::optional<Answer> RefusalOfHead(const boost::beast::error_code& ec);
     Task<void> AwaitAnswer();
+    void WakeAnswerWaiter();
     // One read without waiting; false with `ec` set when it brought nothing.
     bool Fill(boost::beast::error_code& ec);
     // Waits in `phase` until the socket can be read (or written); false when it is closed

@@ -315,11 +315,16 @@ void Connection<Socket>::Deliver(uint64_t of, Answer delivered) {
         boost::system::error_code ignored;
         socket.cancel(ignored);
     }
-    if (answerWaiter) {
-        auto waiter = std::move(*answerWaiter);
-        answerWaiter.reset();
-        boost::asio::post(executor, std::move(waiter));
-    }
+    WakeAnswerWaiter();
+}
+
+// Resumed from the loop's queue, never from inside whoever delivered or closed.
+template <typename Socket>
+void Connection<Socket>::WakeAnswerWaiter() {
+    if (!answerWaiter) return;
+    auto waiter = std::move(*answerWaiter);
+    answerWaiter.reset();
+    boost::asio::post(executor, std::move(waiter));
 }
 
 template <typename Socket>
@@ -365,11 +370,7 @@ void Connection<Socket>::Close() {
     gone.store(true, std::memory_order_relaxed);
     boost::system::error_code ignored;
     socket.close(ignored);
-    if (answerWaiter) {
-        auto waiter = std::move(*answerWaiter);
-        answerWaiter.reset();
-        boost::asio::post(executor, std::move(waiter));
-    }
+    WakeAnswerWaiter();
 }
 
 template <typename Socket>
