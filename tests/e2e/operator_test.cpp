@@ -108,13 +108,45 @@ TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
     }
 }
 
-TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
+// Throwaway users for the writer policy: one in a group of its own, one outside it.
+struct Users {
+    Users() {
+        Remove();
+        ok = RunCommand("groupadd " + group + " && useradd -M -N -s /usr/sbin/nologin -G " + group +
+                        " " + member + " && useradd -M -N -s /usr/sbin/nologin " + other)
+                 .first == 0;
+    }
+    ~Users() { Remove(); }
+    void Remove() {
+        RunCommand("userdel " + member + "; userdel " + other + "; groupdel " + group);
+    }
+    // The HTTP status of a report posted by `user`.
+    int Post(const std::string& user, uint16_t port, const std::string& name) {
+        auto [code, status] =
+            RunCommand("runuser -u " + user +
+                       " -- curl -sg -o /dev/null -w '%{http_code}' -H "
+                       "'Content-Type: application/json' --data '{\"by\":\"" +
+                       user + "\"}' http://127.0.0.1:" + std::to_string(port) + "/r/" + name);
+        return code == 0 ? std::stoi(status) : 0;
+    }
+    const std::string group = "tessard-tw", member = "tessard-t1", other = "tessard-t2";
+    bool ok = false;
+};
+
+// On a running daemon, as root with throwaway users: only the configured users write, and a
+// reload changes who may, what is scheduled and nothing else.
+TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndOnlyConfiguredUsersWrite) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to make throwaway users";
+    Users users;
+    ASSERT_TRUE(users.ok);
     TempDir metrics;
     DaemonOptions options{.port = FreePort()};
     const std::string config = "<config><httpPort>" + std::to_string(options.port) +
                                "</httpPort><metrics><textfileDir>" + metrics.Path() +
                                "</textfileDir></metrics>";
-    options.configXml = config + "<pluginOverrides><colour>red</colour></pluginOverrides></config>";
+    options.configXml = config + "<pluginOverrides><colour>red</colour></pluginOverrides>" +
+                        "<access><writers>root, %" + users.group + "</writers><reports><cpu>" +
+                        users.other + "</cpu></reports></access></config>";
     // No pool: plugins are scheduled but not launched, and never in the host's pool.
     options.env = {"TESSARD_TIME_SCALE=30", "TESSARD_CGROUP_ROOT=/nonexistent"};
     options.prepare = [](const std::string& root) {
@@ -126,18 +158,51 @@ TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
     EXPECT_TRUE(daemon.HasLine("warning", "tessard",
                                "Unknown configuration key pluginOverrides/colour (" +
                                    daemon.ConfigPath() + ":1) is ignored"));
-    const std::string statusPath = daemon.Root() + kStatusFile;
+    EXPECT_EQ(daemon.Logs().find("No access section"), std::string::npos);
+    const std::string statusPath = daemon.Root() + kStatusFile, dir = daemon.ReportDir() + "/";
     ASSERT_TRUE(Schedules(statusPath, {{"a", "fast"}, {"b", "slow"}})) << ReadFile(statusPath);
 
-    // A changed description and a new override take effect.
+    struct Row {
+        std::string user, name;
+        int status;
+    } rows[] = {
+        {"root", "mem", 200},        // listed by name
+        {users.member, "mem", 200},  // a member of a listed group
+        {users.other, "mem", 403},   // neither
+        {users.other, "cpu", 200},   // listed for this name only
+    };
+    for (const Row& row : rows)
+        EXPECT_EQ(users.Post(row.user, daemon.Port(), row.name), row.status)
+            << row.user << " " << row.name;
+    // A refusal writes nothing, and says who was refused.
+    EXPECT_EQ(ReadLink(dir + "mem.json"), "mem-1.json");
+    EXPECT_EQ(ReadFile(dir + "mem-1.json"), "{\"by\":\"" + users.member + "\"}");
+    EXPECT_FALSE(std::filesystem::exists(dir + "mem-2.json"));
+    const std::string uid = RunCommand("id -u " + users.other).second;
+    EXPECT_TRUE(daemon.HasLine("warning", "TessardHandler",
+                               "Report mem refused: user " + users.other + " (uid " +
+                                   uid.substr(0, uid.size() - 1) + ") may not write it"));
+    // The status names each newest report's writer.
+    rapidjson::Document status;
+    ASSERT_TRUE(Eventually([&] {
+        status.Parse(ReadFile(statusPath).c_str());
+        return status.IsObject() && status["reports"].Size() == 2 &&
+               status["reports"][1]["answers"].HasMember("403");
+    })) << ReadFile(statusPath);
+    EXPECT_EQ(std::string(status["reports"][0]["writer"].GetString()) + " " +
+                  status["reports"][1]["writer"].GetString(),
+              users.other + " " + users.member);
+
+    // A changed description and a new override take effect; without the access section,
+    // everyone local may write.
     WriteFile(daemon.Root() + kDescriptions + "b.json", Describe("b", "fast"));
     WriteFile(
         daemon.ConfigPath(),
         config + "<pluginOverrides><a><enabled>false</enabled></a></pluginOverrides></config>");
     daemon.Signal(SIGHUP);
     EXPECT_TRUE(Schedules(statusPath, {{"b", "fast"}})) << ReadFile(statusPath) << daemon.Logs();
-    EXPECT_TRUE(daemon.HasLine("info", "tessard", "Reloaded " + daemon.ConfigPath()));
-
+    ASSERT_TRUE(daemon.HasLine("info", "tessard", "Reloaded " + daemon.ConfigPath()));
+    EXPECT_EQ(users.Post(users.other, daemon.Port(), "mem"), 200);
     // A configuration that does not load changes nothing.
     WriteFile(daemon.ConfigPath(), "<config><httpPort>");
     daemon.Signal(SIGHUP);
@@ -174,83 +239,6 @@ TEST(OperatorE2E, HupReloadsWithoutTouchingReportsAndStatusShowsItAll) {
         << table;
     EXPECT_EQ(daemon.Terminate(), 0);
     EXPECT_NE(RunCommand(statusCommand).second.find("\nSTOPPED at "), std::string::npos);
-}
-
-// Throwaway users for the writer policy: one in a group of its own, one outside it.
-struct Users {
-    Users() {
-        Remove();
-        ok = RunCommand("groupadd " + group + " && useradd -M -N -s /usr/sbin/nologin -G " + group +
-                        " " + member + " && useradd -M -N -s /usr/sbin/nologin " + other)
-                 .first == 0;
-    }
-    ~Users() { Remove(); }
-    void Remove() {
-        RunCommand("userdel " + member + "; userdel " + other + "; groupdel " + group);
-    }
-    // The HTTP status of a report posted by `user`.
-    int Post(const std::string& user, uint16_t port, const std::string& name) {
-        auto [code, status] =
-            RunCommand("runuser -u " + user +
-                       " -- curl -sg -o /dev/null -w '%{http_code}' -H "
-                       "'Content-Type: application/json' --data '{\"by\":\"" +
-                       user + "\"}' http://127.0.0.1:" + std::to_string(port) + "/r/" + name);
-        return code == 0 ? std::stoi(status) : 0;
-    }
-    const std::string group = "tessard-tw", member = "tessard-t1", other = "tessard-t2";
-    bool ok = false;
-};
-
-TEST(OperatorE2E, OnlyTheConfiguredUsersWriteAndReloadsChangeWho) {
-    if (::geteuid() != 0) GTEST_SKIP() << "needs root to make throwaway users";
-    Users users;
-    ASSERT_TRUE(users.ok);
-    DaemonOptions options{.port = FreePort()};
-    const std::string head = "<config><httpPort>" + std::to_string(options.port) + "</httpPort>";
-    options.configXml = head + "<access><writers>root, %" + users.group +
-                        "</writers><reports><cpu>" + users.other +
-                        "</cpu></reports></access></config>";
-    DaemonProcess daemon(options);
-    ASSERT_TRUE(daemon.Ready()) << daemon.Logs();
-    EXPECT_EQ(daemon.Logs().find("No access section"), std::string::npos);
-    const std::string dir = daemon.ReportDir() + "/";
-    struct Row {
-        std::string user, name;
-        int status;
-    } rows[] = {
-        {"root", "mem", 200},        // listed by name
-        {users.member, "mem", 200},  // a member of a listed group
-        {users.other, "mem", 403},   // neither
-        {users.other, "cpu", 200},   // listed for this name only
-    };
-    for (const Row& row : rows)
-        EXPECT_EQ(users.Post(row.user, daemon.Port(), row.name), row.status)
-            << row.user << " " << row.name;
-    // A refusal writes nothing, and says who was refused.
-    EXPECT_EQ(ReadLink(dir + "mem.json"), "mem-1.json");
-    EXPECT_EQ(ReadFile(dir + "mem-1.json"), "{\"by\":\"" + users.member + "\"}");
-    EXPECT_FALSE(std::filesystem::exists(dir + "mem-2.json"));
-    const std::string uid = RunCommand("id -u " + users.other).second;
-    EXPECT_TRUE(daemon.HasLine("warning", "TessardHandler",
-                               "Report mem refused: user " + users.other + " (uid " +
-                                   uid.substr(0, uid.size() - 1) + ") may not write it"));
-    // The status names each newest report's writer.
-    rapidjson::Document status;
-    ASSERT_TRUE(Eventually([&] {
-        status.Parse(ReadFile(daemon.Root() + kStatusFile).c_str());
-        return status.IsObject() && status["reports"].Size() == 2 &&
-               status["reports"][1]["answers"].HasMember("403");
-    })) << ReadFile(daemon.Root() + kStatusFile);
-    EXPECT_EQ(std::string(status["reports"][0]["writer"].GetString()) + " " +
-                  status["reports"][1]["writer"].GetString(),
-              users.other + " " + users.member);
-
-    // Without the section, after a reload, everyone local may write.
-    WriteFile(daemon.ConfigPath(), head + "</config>");
-    daemon.Signal(SIGHUP);
-    ASSERT_TRUE(daemon.HasLine("info", "tessard", "Reloaded " + daemon.ConfigPath()));
-    EXPECT_EQ(users.Post(users.other, daemon.Port(), "mem"), 200);
-    EXPECT_EQ(daemon.Terminate(), 0);
 }
 
 }  // namespace
