@@ -134,10 +134,12 @@ TEST(PluginsE2E, RunInsideThePoolReportBackAndAreStoppedWhole) {
     EXPECT_EQ(Lines(bin + "probe.out/fds"), (std::vector<std::string>{"0", "1", "2"}));
     EXPECT_TRUE(Lines(bin + "probe.out/signals").empty()) << "ignored or blocked by the daemon";
     EXPECT_EQ(Lines(bin + "probe.out/limit"), std::vector<std::string>{"41943040"});
-    // As nobody, with no other group and no capability.
+    // As nobody: no other group, no capability, and none to regain through execve.
     std::string status = TessardTest::ReadFile(bin + "probe.out/status");
-    for (const char* line : {"\nUid:\t65534\t65534\t65534\t65534\n", "\nGroups:\t \n",
-                             "\nCapEff:\t0000000000000000\n", "\nCapPrm:\t0000000000000000\n"})
+    for (const char* line :
+         {"\nUid:\t65534\t65534\t65534\t65534\nGid:\t65534\t65534\t65534\t65534\n",
+          "\nGroups:\t \n", "\nCapPrm:\t0000000000000000\nCapEff:\t0000000000000000\n",
+          "\nCapAmb:\t0000000000000000\n", "\nNoNewPrivs:\t1\n"})
         EXPECT_NE(status.find(line), std::string::npos) << line << status;
     EXPECT_TRUE(daemon.HasLine(
         "error", launcher,
