@@ -38,6 +38,37 @@ TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
     const std::string usage =
         "Usage: tessard [-r REPORT_DIR] | --help | --version | --check-config | status [--json]\n";
     const std::string check = "--check-config", bin = TESSARD_BINARY;
+    const std::string malformed = "<config><httpPort>1</config";
+    // A disabled plugin's overrides name a plugin all the same.
+    const std::string good =
+        "<config>\n<httpPort>9996</httpPort>\n<pluginOverrides><a><frequency>Fastest</frequency>"
+        "</a><b><enabled>no</enabled></b></pluginOverrides>\n<plugins><user>nobody</user></plugins>"
+        "<access><writers>root, %root 0</writers><reports><cpu>nobody</cpu></reports></access>"
+        "<http><loops>2</loops></http></config>\n";
+    const std::string bad =
+        "<config>\n<httpPort>99x</httpPort>\n<pluginOverides><a><enabled>no</enabled></a>"
+        "</pluginOverides>\n<pluginOverrides><rpSizeMb>900</rpSizeMb>\n<a><enabled>maybe</enabled>"
+        "</a><dsk><loglevel>info</loglevel><pidsMax>9</pidsMax></dsk></pluginOverrides>\n"
+        "<access><writers>root nosuch %nosuch</writers></access>\n"
+        "<plugins><user>nosuch</user></plugins><http><loops>99</loops></http></config>\n";
+    const std::vector<std::string> goodOutput = {
+        "Configuration ", "  a                       fast      300s      30s        40 MiB\n",
+        "No problems.\n"};
+    const std::vector<std::string> badOutput = {
+        "Configuration ",
+        "config.xml:2: httpPort: '99x' is not an integer: the default 9996 is used\n",
+        "config.xml:3: pluginOverides/a/enabled: unknown key, ignored\n",
+        "config.xml:4: pluginOverrides/rpSizeMb: '900' is outside 41 to 500: ignored\n",
+        "config.xml:5: pluginOverrides/a/enabled: 'maybe' is not a boolean: ignored\n",
+        "config.xml:5: pluginOverrides/dsk/loglevel: no plugin description names dsk\n",
+        "config.xml:5: pluginOverrides/dsk/pidsMax: no plugin description names dsk\n",
+        "config.xml:6: access/writers: 'root nosuch %nosuch' is not all known: user nosuch, "
+        "group %nosuch left out\n",
+        "config.xml:7: plugins/user: 'nosuch' is not a user: plugins run as nobody\n",
+        "config.xml:7: http/loops: '99' is outside 1 to 64: ignored\n",
+        "broken.json\n",
+        "  a                       slow",
+        "Problems found.\n"};
     struct Row {
         std::vector<std::string> args;
         int exitCode;
@@ -52,44 +83,10 @@ TEST(OperatorE2E, OptionsAndCheckConfigPrintAndExit) {
         {{"--help"}, 0, {usage + "\ntessard: host health daemon."}},
         {{"status", "--yaml"}, 1, {"Usage: tessard status [--json]\n"}},
         {{}, 1, {"Initializing Pelinor failed: TESSARD_TIME_SCALE"}, {"TESSARD_TIME_SCALE=0"}},
-        {{}, 1, {"Initializing Pelinor failed: "}, {}, "<config><httpPort>1</config"},
-        {{check},
-         1,
-         {"Configuration: Malformed configuration "},
-         {},
-         "<config><httpPort>1</config"},
-        {{check},
-         0,
-         {"Configuration ", "  a                       fast      300s      30s        40 MiB\n",
-          "No problems.\n"},
-         {},
-         // A disabled plugin's overrides name a plugin all the same.
-         "<config>\n<httpPort>9996</httpPort>\n<pluginOverrides><a><frequency>Fastest</frequency>"
-         "</a><b><enabled>no</enabled></b></pluginOverrides>\n<plugins><user>nobody</user></"
-         "plugins>"
-         "<access><writers>root, %root 0</writers><reports><cpu>nobody</cpu></reports></access>"
-         "<http><loops>2</loops></http></config>\n"},
-        {{check},
-         1,
-         {"Configuration ",
-          "config.xml:2: httpPort: '99x' is not an integer: the default 9996 is used\n",
-          "config.xml:3: pluginOverides/a/enabled: unknown key, ignored\n",
-          "config.xml:4: pluginOverrides/rpSizeMb: '900' is outside 41 to 500: ignored\n",
-          "config.xml:5: pluginOverrides/a/enabled: 'maybe' is not a boolean: ignored\n",
-          "config.xml:5: pluginOverrides/dsk/loglevel: no plugin description names dsk\n",
-          "config.xml:5: pluginOverrides/dsk/pidsMax: no plugin description names dsk\n",
-          "config.xml:6: access/writers: 'root nosuch %nosuch' is not all known: user nosuch, "
-          "group %nosuch left out\n",
-          "config.xml:7: plugins/user: 'nosuch' is not a user: plugins run as nobody\n",
-          "config.xml:7: http/loops: '99' is outside 1 to 64: ignored\n", "broken.json\n",
-          "  a                       slow", "Problems found.\n"},
-         {},
-         "<config>\n<httpPort>99x</httpPort>\n<pluginOverides><a><enabled>no</enabled></a>"
-         "</pluginOverides>\n<pluginOverrides><rpSizeMb>900</rpSizeMb>\n<a><enabled>maybe</enabled>"
-         "</a><dsk><loglevel>info</loglevel><pidsMax>9</pidsMax></dsk></pluginOverrides>\n"
-         "<access><writers>root nosuch %nosuch</writers></access>\n"
-         "<plugins><user>nosuch</user></plugins><http><loops>99</loops></http></config>\n",
-         "{\"path\": "},
+        {{}, 1, {"Initializing Pelinor failed: "}, {}, malformed},
+        {{check}, 1, {"Configuration: Malformed configuration "}, {}, malformed},
+        {{check}, 0, goodOutput, {}, good},
+        {{check}, 1, badOutput, {}, bad, "{\"path\": "},
     };
     for (const Row& row : rows) {
         DaemonOptions options{.args = row.args, .env = row.env, .waitReady = false};

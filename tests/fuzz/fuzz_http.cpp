@@ -25,8 +25,7 @@ using Pelinor::Executor;
 
 // A client that has sent `input` in pieces of at most `piece` bytes, each after a pause in
 // which nothing is there (so waiting is taken too), and then shut down its end.
-class MemorySocket : public net::socket_base {
-  public:
+struct MemorySocket : net::socket_base {
     using executor_type = Executor;
     MemorySocket(Executor executor, std::string_view input, size_t piece, std::string& output)
         : executor(executor), input(input), piece(piece), output(&output) {}
@@ -65,7 +64,6 @@ class MemorySocket : public net::socket_base {
     void shutdown(shutdown_type, boost::system::error_code&) {}
     void close(boost::system::error_code&) {}
 
-  private:
     Executor executor;
     std::string_view input;
     size_t piece;

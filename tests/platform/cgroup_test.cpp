@@ -21,6 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 namespace Ktab = Pelinor::Ktab;
 using Ktab::Node;
+using namespace TessardTest;
 
 constexpr const char* kRootVariable = "TESSARD_CGROUP_ROOT";
 constexpr const char* kPoolPath = "host/zol/kelpod/tessard-plugins";
@@ -34,8 +35,7 @@ std::vector<std::string> ChildGroups(const std::string& dir) {
     return names;
 }
 
-class Cgroup : public testing::Test {
-  protected:
+struct Cgroup : testing::Test {
     void SetUp() override {
         if (!cgroup.SkipReason().empty()) GTEST_SKIP() << cgroup.SkipReason();
         ::setenv(kRootVariable, root.c_str(), 1);
@@ -86,12 +86,12 @@ class Cgroup : public testing::Test {
         return status == 0 ? ktab.ParamListNumInstances(out) : -int64_t{status};
     }
 
-    TessardTest::TestCgroup cgroup;
+    TestCgroup cgroup;
     const std::string root = cgroup.Root(), pool = root + "/" + kPoolPath;
     Ktab::Interface& ktab = *Ktab::Interface::sInstance;
     Pelinor::System::ProcessLauncher& launcher = *Pelinor::System::ProcessLauncher::sInstance;
     std::vector<Ktab::ParamList*> lists;
-    TessardTest::TempDir temp;
+    TempDir temp;
     int32_t pid = -1;
 };
 
@@ -102,8 +102,7 @@ TEST_F(Cgroup, KtabAnswersFromTheHierarchyAndTheLauncherKeepsOnlyGroupsInUse) {
     EXPECT_EQ(ktab.CheckSig(release, sizeof release, &myDate), 0);
     ::setenv(kRootVariable, "/nonexistent/cgroup", 1);
     EXPECT_NE(ktab.CheckSig(release, sizeof release, &myDate), 0);
-    EXPECT_EQ(release, TessardTest::ReadFile("/proc/sys/kernel/osrelease").substr(0, 4))
-        << "cut to fit";
+    EXPECT_EQ(release, ReadFile("/proc/sys/kernel/osrelease").substr(0, 4)) << "cut to fit";
     EXPECT_TRUE(myDate != nullptr && *myDate != '\0');
     uint64_t id = 0, again = 0;
     EXPECT_EQ(IdOf(kPoolPath, id), static_cast<Ktab::Status>(ENOENT));
@@ -171,10 +170,9 @@ TEST_F(Cgroup, PoolScriptCreatesReportsAndRemovesOnlyWhatItMade) {
     };
     for (const Row& row : rows) {
         EXPECT_EQ(Pool(row.arguments), row.code) << row.arguments;
-        EXPECT_EQ(fs::exists(pool)
-                      ? std::stoull(TessardTest::ReadFile(pool + "/memory.limit_in_bytes")) >> 20
-                      : 0,
-                  row.capMb)
+        EXPECT_EQ(
+            fs::exists(pool) ? std::stoull(ReadFile(pool + "/memory.limit_in_bytes")) >> 20 : 0,
+            row.capMb)
             << row.arguments;
     }
 

@@ -34,10 +34,10 @@ using Pelinor::Service::LogLevel;
 using System::RunEnd;
 using Tessard::PluginEnd;
 using namespace std::chrono_literals;
+using namespace TessardTest;
 
 // Timers on a clock that moves only when the test runs it; in use while it lives.
-class ManualScheduler : public System::Scheduler {
-  public:
+struct ManualScheduler : System::Scheduler {
     ManualScheduler() : previous(std::exchange(sInstance, this)) {}
     ~ManualScheduler() override { sInstance = previous; }
 
@@ -60,7 +60,6 @@ class ManualScheduler : public System::Scheduler {
     // The time of the scheduler in use.
     static double Now() { return static_cast<double>(Current().nowUs) / 1e6; }
 
-  private:
     struct Timer : System::ScheduledItem {
         explicit Timer(System::ScheduledCallback callback) : callback(std::move(callback)) {}
         void Cancel() override { cancelled = true; }
@@ -76,8 +75,7 @@ class ManualScheduler : public System::Scheduler {
 
 // The cgroup interface on whatever tree $TESSARD_CGROUP_ROOT names, with the faults a test
 // switches on, counting the lists it handed out that are not destroyed yet.
-class FakeKtab : public Ktab::Interface {
-  public:
+struct FakeKtab : Ktab::Interface {
     FakeKtab() : previous(std::exchange(sInstance, this)) {}
     ~FakeKtab() override { sInstance = previous; }
 
@@ -126,14 +124,12 @@ class FakeKtab : public Ktab::Interface {
         return fail.stats != 0 ? fail.stats : real.Get(node, params, out, size);
     }
 
-  private:
     Ktab::Interface& real = Real();
     Ktab::Interface* previous;
 };
 
 // Runs that end when the test says so, or when stopped.
-class FakeProcessLauncher : public System::ProcessLauncher {
-  public:
+struct FakeProcessLauncher : System::ProcessLauncher {
     FakeProcessLauncher() : previous(std::exchange(sInstance, this)) {}
     ~FakeProcessLauncher() override { sInstance = previous; }
 
@@ -182,7 +178,6 @@ class FakeProcessLauncher : public System::ProcessLauncher {
     }
     bool WaitIdle(std::chrono::milliseconds) override { return true; }
 
-  private:
     Run* Live(int32_t pid) {
         auto at = static_cast<size_t>(pid - 1000);
         return at < launches.size() && launches[at].alive ? &launches[at] : nullptr;
@@ -191,8 +186,7 @@ class FakeProcessLauncher : public System::ProcessLauncher {
 };
 
 // A plugin installation in a temporary root, with its configuration file loaded.
-class PluginLauncherTest : public testing::Test {
-  protected:
+struct PluginLauncherTest : testing::Test {
     void SetUp() override {
         ::setenv("TESSARD_ROOT", root.Path().c_str(), 1);
         std::filesystem::create_directories(ConfigDir());
@@ -203,9 +197,9 @@ class PluginLauncherTest : public testing::Test {
         // A pool of plain files: its peak is 1025 KB, its one child group's 1024 KB.
         ::setenv("TESSARD_CGROUP_ROOT", root.Path().c_str(), 1);
         std::filesystem::create_directories(pool + "/run-1-0");
-        TessardTest::WriteFile(root / "memory.limit_in_bytes", "0");
-        TessardTest::WriteFile(pool + "/memory.max_usage_in_bytes", "1049600");
-        TessardTest::WriteFile(pool + "/run-1-0/memory.max_usage_in_bytes", "1048576\n");
+        WriteFile(root / "memory.limit_in_bytes", "0");
+        WriteFile(pool + "/memory.max_usage_in_bytes", "1049600");
+        WriteFile(pool + "/run-1-0/memory.max_usage_in_bytes", "1048576\n");
     }
     void TearDown() override {
         ::unsetenv("TESSARD_ROOT");
@@ -214,13 +208,13 @@ class PluginLauncherTest : public testing::Test {
 
     // Loads a configuration file holding `xml` inside <config>.
     void Configure(const std::string& xml) {
-        TessardTest::WriteFile(root / "config.xml", "<config>" + xml + "</config>");
+        WriteFile(root / "config.xml", "<config>" + xml + "</config>");
         Pelinor::Service::InitApp(root / "config.xml");
     }
     std::string ConfigDir() const { return root.Path() + Tessard::kPluginConfigDir; }
     std::string BinDir() const { return root.Path() + Tessard::kPluginBinDir; }
     void Describe(const std::string& file, const std::string& json) {
-        TessardTest::WriteFile(ConfigDir() + file, json);
+        WriteFile(ConfigDir() + file, json);
     }
     void DescribePlugins(int count, const std::string& frequency) {
         for (int i = 0; i < count; ++i) {
@@ -236,9 +230,9 @@ class PluginLauncherTest : public testing::Test {
         return launcher;
     }
 
-    TessardTest::TempDir root;
+    TempDir root;
     const std::string pool = root / Ktab::kPoolPath;
-    TessardTest::LogCapture log;
+    LogCapture log;
     ManualScheduler scheduler;
     FakeKtab ktab;
     FakeProcessLauncher processes;

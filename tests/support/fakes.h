@@ -26,8 +26,7 @@ using Pelinor::System::OutputStream;
 
 // Real files, with faults switched on by the test. Installs itself as the factory for its
 // lifetime.
-class FaultyFactory : public Pelinor::System::SystemFactory {
-  public:
+struct FaultyFactory : Pelinor::System::SystemFactory {
     FaultyFactory() : previous(std::exchange(sInstance, this)) {}
     ~FaultyFactory() override { sInstance = previous; }
 
@@ -46,7 +45,6 @@ class FaultyFactory : public Pelinor::System::SystemFactory {
         return Real().CreateServerSocket();
     }
 
-  private:
     struct FaultyStream : OutputStream {
         FaultyStream(Ref<OutputStream> real, FaultyFactory& factory)
             : real(std::move(real)), factory(factory) {}
@@ -84,8 +82,7 @@ class FaultyFactory : public Pelinor::System::SystemFactory {
 
 // What the client receives: the first code sent or, once released unsent, the code it holds
 // (500 when none), as the real service does.
-class FakeResponse : public Pelinor::Http::Response {
-  public:
+struct FakeResponse : Pelinor::Http::Response {
     explicit FakeResponse(bool clientGone = false) : clientGone(clientGone) {}
     ~FakeResponse() override {
         if (!sent) delivered.set_value(held.value_or(500));
@@ -102,14 +99,12 @@ class FakeResponse : public Pelinor::Http::Response {
 
     std::promise<int> delivered;
 
-  private:
     const bool clientGone;
     std::optional<int> held;
     bool sent = false;
 };
 
-class FakeRequest : public Pelinor::Http::Request {
-  public:
+struct FakeRequest : Pelinor::Http::Request {
     FakeRequest(std::string url, std::string body, std::string contentType = "application/json")
         : declaredLength(static_cast<int64_t>(body.size())),
           url(std::move(url)),
@@ -150,7 +145,6 @@ class FakeRequest : public Pelinor::Http::Request {
     }
     bool BodyInMemory() const override { return piece == 0; }
 
-  private:
     const std::string url, body, contentType;
 };
 

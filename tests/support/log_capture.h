@@ -11,11 +11,10 @@
 namespace TessardTest {
 
 // Installs itself and lets every level through the default logger.
-class LogCapture : public Pelinor::Service::LogSink {
+struct LogCapture : Pelinor::Service::LogSink {
     using LogLevel = Pelinor::Service::LogLevel;
     using Logger = Pelinor::Service::Logger;
 
-  public:
     LogCapture() { Logger::sDefaultLogger->SetLevel(LogLevel::Trivia); }
     ~LogCapture() override {
         Pelinor::Service::SetLogSink(previous);
@@ -40,7 +39,6 @@ class LogCapture : public Pelinor::Service::LogSink {
         lines.clear();
     }
 
-  private:
     mutable std::mutex mutex;
     std::vector<std::pair<LogLevel, std::string>> lines;
     Pelinor::Service::LogSink* previous = Pelinor::Service::SetLogSink(this);
