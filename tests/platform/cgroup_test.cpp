@@ -67,23 +67,17 @@ struct Cgroup : testing::Test {
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    Ktab::ParamList* Params(const std::string& path) {
-        auto* list = lists.emplace_back(ktab.ParamListCreate(0, 1));
-        return ktab.ParamListAddString(list, path.c_str()) == 0 ? list : nullptr;
-    }
-    Ktab::ParamList* Params(uint64_t id) {
-        auto* list = lists.emplace_back(ktab.ParamListCreate(0, 1));
-        return ktab.ParamListAddInt(list, id) == 0 ? list : nullptr;
-    }
     Ktab::Status IdOf(const std::string& path, uint64_t& id) {
-        return ktab.Set(Node::sched_groupPathNameToID, nullptr, Params(path), &id, 8);
+        auto* params = lists.emplace_back(ktab.ParamListCreate(0, 1));
+        EXPECT_EQ(ktab.ParamListAddString(params, path.c_str()), 0u);
+        return ktab.Set(Node::sched_groupPathNameToID, nullptr, params, &id, 8);
     }
     int64_t Children(uint64_t id) {  // or -(status)
+        auto* params = lists.emplace_back(ktab.ParamListCreate(0, 1));
+        EXPECT_EQ(ktab.ParamListAddInt(params, id), 0u);
         Ktab::ParamList* out = nullptr;
-        auto status =
-            ktab.GetInstanceListAlloc(Node::sched_groups_members_groups, Params(id), &out);
-        lists.push_back(out);
-        return status == 0 ? ktab.ParamListNumInstances(out) : -int64_t{status};
+        auto status = ktab.GetInstanceListAlloc(Node::sched_groups_members_groups, params, &out);
+        return status == 0 ? ktab.ParamListNumInstances(lists.emplace_back(out)) : -int64_t{status};
     }
 
     TestCgroup cgroup;

@@ -16,9 +16,7 @@
 extern char** environ;
 
 int main(int argc, char** argv) {
-    std::string self = argv[0];
-    std::string out = self + ".out/";
-    std::string name = self.substr(self.rfind('/') + 1);
+    const std::string self = argv[0], out = self + ".out/", name = self.substr(self.rfind('/') + 1);
     std::ofstream(out + "pids", std::ios::app) << getpid() << '\n';
 
     if (name.starts_with("probe")) {
@@ -44,14 +42,12 @@ int main(int argc, char** argv) {
         std::ofstream(out + "cgroup") << std::ifstream("/proc/self/cgroup").rdbuf();
         std::ofstream(out + "status") << std::ifstream("/proc/self/status").rdbuf();
         std::ifstream groups("/proc/self/cgroup");
-        for (std::string line; std::getline(groups, line);) {
-            if (size_t at = line.find(":memory:"); at != std::string::npos) {
+        for (std::string line; std::getline(groups, line);)
+            if (size_t at = line.find(":memory:"); at != std::string::npos)
                 std::ofstream(out + "limit")
                     << std::ifstream("/sys/fs/cgroup/memory" + line.substr(at + 8) +
                                      "/memory.limit_in_bytes")
                            .rdbuf();
-            }
-        }
         return 0;
     }
     if (name.starts_with("hog")) {
