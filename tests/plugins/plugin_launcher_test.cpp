@@ -74,7 +74,7 @@ struct ManualScheduler : System::Scheduler {
 };
 
 // The cgroup interface on whatever tree $TESSARD_CGROUP_ROOT names, with the faults a test
-// switches on, counting the lists it handed out that are not destroyed yet.
+// switches on. (A list never destroyed is a leak that the sanitizer run of these tests reports.)
 struct FakeKtab : Ktab::Interface {
     FakeKtab() : previous(std::exchange(sInstance, this)) {}
     ~FakeKtab() override { sInstance = previous; }
@@ -84,7 +84,6 @@ struct FakeKtab : Ktab::Interface {
         bool outOfMemory = false;  // ParamListCreate returns nullptr
         Ktab::Status lookup = 0, children = 0, addInt = 0, stats = 0;
     } fail;
-    int liveLists = 0;
 
     int CheckSig(char* buildDate, size_t size, const char** myBuildDate) override {
         if (!fail.signatureMismatch) return real.CheckSig(buildDate, size, myBuildDate);
@@ -94,7 +93,6 @@ struct FakeKtab : Ktab::Interface {
     }
     ParamList* ParamListCreate(int kind, int count) override {
         if (fail.outOfMemory) return nullptr;
-        ++liveLists;
         return real.ParamListCreate(kind, count);
     }
     Ktab::Status ParamListAddString(ParamList* list, const char* text) override {
@@ -106,19 +104,13 @@ struct FakeKtab : Ktab::Interface {
     uint32_t ParamListNumInstances(const ParamList* list) override {
         return real.ParamListNumInstances(list);
     }
-    void ParamListDestroy(ParamList* list) override {
-        liveLists -= list != nullptr;
-        real.ParamListDestroy(list);
-    }
+    void ParamListDestroy(ParamList* list) override { real.ParamListDestroy(list); }
     Ktab::Status Set(Node node, ParamList* instances, ParamList* params, void* out,
                      size_t size) override {
         return fail.lookup != 0 ? fail.lookup : real.Set(node, instances, params, out, size);
     }
     Ktab::Status GetInstanceListAlloc(Node node, ParamList* params, ParamList** out) override {
-        if (fail.children != 0) return fail.children;
-        Ktab::Status status = real.GetInstanceListAlloc(node, params, out);
-        liveLists += status == 0;
-        return status;
+        return fail.children != 0 ? fail.children : real.GetInstanceListAlloc(node, params, out);
     }
     Ktab::Status Get(Node node, ParamList* params, void* out, size_t size) override {
         return fail.stats != 0 ? fail.stats : real.Get(node, params, out, size);
@@ -456,7 +448,6 @@ TEST_F(PluginLauncherTest, EveryBatchChecksThePoolAndLaunchesOnlyWhenItIsThere) 
         processes.fail = {};
         at += 300;
     }
-    EXPECT_EQ(ktab.liveLists, 0) << "every parameter list is destroyed on every path";
 }
 
 }  // namespace
