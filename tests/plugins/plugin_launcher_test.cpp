@@ -355,7 +355,7 @@ TEST_F(PluginLauncherTest, BatchesAreSpreadOverTheirPeriodAndEachStopsItsPredece
     }
 }
 
-TEST_F(PluginLauncherTest, EveryRunEndsInOneLineNamingThePlugin) {
+TEST_F(PluginLauncherTest, EveryRunEndsInOneLineAndEveryBatchChecksThePoolBeforeItLaunches) {
     DescribePlugins(1, "fast");
     std::vector<Tessard::PluginRunOutcome> seen;
     auto launcher = Start({.ended = [&](const auto& outcome) { seen.push_back(outcome); }});
@@ -394,25 +394,15 @@ TEST_F(PluginLauncherTest, EveryRunEndsInOneLineNamingThePlugin) {
                          first.peakMemoryKb),
               std::tuple("fast0", "fast", 300, 40u, 2048u));
 
-    processes.fail.launch = EACCES;
-    scheduler.RunUntil(at + 300);
-    EXPECT_TRUE(log.Has(LogLevel::Error, "Plugin fast0 could not be launched: Permission denied"));
-    EXPECT_EQ(std::pair(seen.back().end, seen.back().status),
-              std::pair(PluginEnd::LaunchFailed, EACCES));
-}
-
-TEST_F(PluginLauncherTest, EveryBatchChecksThePoolAndLaunchesOnlyWhenItIsThere) {
-    DescribePlugins(1, "fast");
-    auto launcher = Start();
     struct stat status {};
     ASSERT_EQ(::stat(pool.c_str(), &status), 0);
     const std::string cannotCheck = "Could not check group " + std::to_string(status.st_ino);
-    // One batch every 300 s from 30 s on, each with one fault of the kernel or the launch.
-    struct Row {
+    // The next batches, 300 s apart, each with one fault of the kernel or the launch.
+    struct Fault {
         std::function<void()> fault;
         bool launches;
         std::string line;  // an error unless launched
-    } rows[] = {
+    } faults[] = {
         {[&] { ktab.fail.signatureMismatch = true; }, false,
          "MD5 signature mismatch with running hyxvisor built on " + std::string(20, 'K') +
              " (my build date: Nov 23 2026)"},
@@ -422,8 +412,7 @@ TEST_F(PluginLauncherTest, EveryBatchChecksThePoolAndLaunchesOnlyWhenItIsThere) 
         {[&] { ktab.fail.addInt = ENOMEM; }, false, cannotCheck + ": Cannot allocate memory"},
         {[&] { ktab.fail.outOfMemory = true; }, false,
          "Group host/zol/kelpod/tessard-plugins was not found: Out of memory"},
-        {[&] { processes.fail.launch = ENOENT; }, false,
-         "Plugin launch failed: No such file or directory"},
+        {[&] { processes.fail.launch = EACCES; }, false, "Plugin launch failed: Permission denied"},
         {[&] { processes.fail.exitAtOnce = true; }, true,
          "Plugin launched but failed to run: No such process"},
         // Statistics failures are logged but never stop a launch.
@@ -434,11 +423,10 @@ TEST_F(PluginLauncherTest, EveryBatchChecksThePoolAndLaunchesOnlyWhenItIsThere) 
          "Peak requested reservation (MB): 2, Peak requested reservation of children groups "
          "(MB): 1"},
         // The run of the batch before.
-        {[&] { processes.fail.stop = EPERM; }, true, "Could not kill 1002: 1"},
+        {[&] { processes.fail.stop = EPERM; }, true, "Could not kill 1006: 1"},
     };
-    double at = 30;
-    for (const Row& row : rows) {
-        scheduler.RunUntil(at - 1);
+    for (const Fault& row : faults) {
+        scheduler.RunUntil((at += 300) - 1);
         row.fault();
         size_t launches = processes.launches.size();
         scheduler.RunUntil(at);
@@ -446,8 +434,11 @@ TEST_F(PluginLauncherTest, EveryBatchChecksThePoolAndLaunchesOnlyWhenItIsThere) 
         EXPECT_TRUE(log.Has(row.line)) << row.line;
         ktab.fail = {};
         processes.fail = {};
-        at += 300;
     }
+    EXPECT_TRUE(log.Has(LogLevel::Error, "Plugin fast0 could not be launched: Permission denied"));
+    EXPECT_TRUE(std::ranges::any_of(seen, [](const auto& outcome) {
+        return outcome.end == PluginEnd::LaunchFailed && outcome.status == EACCES;
+    }));
 }
 
 }  // namespace
