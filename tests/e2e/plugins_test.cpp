@@ -36,8 +36,7 @@ void Install(const std::string& root, const std::string& name, const std::string
         fs::copy_file(TESSARD_PLUGIN_PROBE, file);
     } else {
         WriteFile(file, "#!/bin/sh\n" + body);
-        fs::permissions(file, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
-                                  fs::perms::others_read | fs::perms::others_exec);
+        fs::permissions(file, fs::perms(0755));
     }
     WriteFile(root + "/usr/lib/tolmar/tessard/plugins/config/" + name,
               R"({"path": ")" + name + R"(", "frequency": ")" + frequency + R"("})");

@@ -143,8 +143,7 @@ TEST_F(ReportsTest, BodiesAreStoredWholeUpToTheLimitWhateverTheClientDoes) {
 TEST_F(ReportsTest, RestartContinuesFromTheHighestRegularReportFile) {
     struct Case {
         std::vector<std::string> files;
-        std::string name;
-        std::string nextFile;
+        std::string name, nextFile;
     } cases[] = {
         {{}, "n", "n-0.json"},
         {{"n-0.json", "n-1.json"}, "n", "n-2.json"},
