@@ -26,6 +26,7 @@
 
 namespace {
 
+namespace fs = std::filesystem;
 namespace Ktab = Pelinor::Ktab;
 namespace System = Pelinor::System;
 using Ktab::Node;
@@ -181,14 +182,14 @@ struct FakeProcessLauncher : System::ProcessLauncher {
 struct PluginLauncherTest : testing::Test {
     void SetUp() override {
         ::setenv("TESSARD_ROOT", root.Path().c_str(), 1);
-        std::filesystem::create_directories(ConfigDir());
-        std::filesystem::create_directories(BinDir());
+        fs::create_directories(ConfigDir());
+        fs::create_directories(BinDir());
         Tessard::fastTimePeriodMin = 5;
         Tessard::resourcePoolSizeMb = 40;
         Configure("<httpPort>8080</httpPort>");
         // A pool of plain files: its peak is 1025 KB, its one child group's 1024 KB.
         ::setenv("TESSARD_CGROUP_ROOT", root.Path().c_str(), 1);
-        std::filesystem::create_directories(pool + "/run-1-0");
+        fs::create_directories(pool + "/run-1-0");
         WriteFile(root / "memory.limit_in_bytes", "0");
         WriteFile(pool + "/memory.max_usage_in_bytes", "1049600");
         WriteFile(pool + "/run-1-0/memory.max_usage_in_bytes", "1048576\n");
@@ -257,7 +258,7 @@ TEST_F(PluginLauncherTest, DescriptionsAndOverridesMakeThePluginsAndTheirCommand
     Describe("array", R"(["path"])");
     Describe("trailing", R"({"path": "t.sh"},)");
     Describe("nul", std::string(R"({"path": "cut\u0000rest.sh"})"));
-    std::filesystem::create_directory(ConfigDir() + "subdir");
+    fs::create_directory(ConfigDir() + "subdir");
 
     auto launcher = Start();
     std::vector<std::string> scheduled;  // "name:category"
@@ -327,8 +328,7 @@ TEST_F(PluginLauncherTest, BatchesAreSpreadOverTheirPeriodAndEachStopsItsPredece
         {3, "slow", {60, 60, 120}, 300},
     };
     for (const Row& row : rows) {
-        std::filesystem::remove_all(ConfigDir());
-        std::filesystem::create_directories(ConfigDir());
+        for (const auto& entry : fs::directory_iterator(ConfigDir())) fs::remove(entry);
         processes.launches.clear();
         ManualScheduler clock;  // takes this row's timers with it
         DescribePlugins(row.count, row.category);
