@@ -25,8 +25,9 @@ bool Schedules(const std::string& statusPath, const std::map<std::string, std::s
         std::map<std::string, std::string> plugins;
         rapidjson::Document status;
         // The daemon logs that it listens before it first writes the file.
-        if (!std::filesystem::exists(statusPath)) return false;
-        if (!status.Parse(ReadFile(statusPath).c_str()).IsObject()) return false;
+        if (!std::filesystem::exists(statusPath) ||
+            !status.Parse(ReadFile(statusPath).c_str()).IsObject())
+            return false;
         for (const auto& p : status["plugins"].GetArray())
             plugins[p["name"].GetString()] = p["category"].GetString();
         return plugins == plan;

@@ -301,7 +301,6 @@ TEST_F(PluginLauncherTest, LauncherWideOverridesOutsideTheirLimitsAreRefused) {
                                            {"abc", "-1", 5, 40, true}}) {
         Tessard::fastTimePeriodMin = 5;
         Tessard::resourcePoolSizeMb = 40;
-        log.Clear();
         Configure("<pluginOverrides><fast><timePeriodMin>" + c.period +
                   "</timePeriodMin></fast><rpSizeMb>" + c.pool + "</rpSizeMb></pluginOverrides>");
         auto plan = Start()->Plans().at(0);

@@ -34,10 +34,6 @@ struct LogCapture : Pelinor::Service::LogSink {
         std::lock_guard lock(mutex);
         return std::ranges::count(lines, std::pair(level, message)) > 0;
     }
-    void Clear() {
-        std::lock_guard lock(mutex);
-        lines.clear();
-    }
 
     mutable std::mutex mutex;
     std::vector<std::pair<LogLevel, std::string>> lines;
