@@ -58,16 +58,13 @@ cat >"$tree/init" <<'EOF'
 /bin/busybox --install -s /bin
 export PATH=/bin
 mount -t proc proc /proc && mount -t sysfs sys /sys && mount -t devtmpfs dev /dev
-mount -t tmpfs tmp /tmp
-ip link set lo up
-cg=/sys/fs/cgroup
-fail=""
+mount -t tmpfs tmp /tmp && ip link set lo up
+cg=/sys/fs/cgroup fail=""
 check() { grep -q "$1" /tmp/log || fail="$fail; $2"; }  # pattern what
 
 mount -t cgroup2 cgroup2 $cg
 echo "+memory +pids" >$cg/cgroup.subtree_control
-mkdir $cg/tessard.service
-setfattr -n trusted.delegate -v 1 $cg/tessard.service
+mkdir $cg/tessard.service && setfattr -n trusted.delegate -v 1 $cg/tessard.service
 
 # Launches, stops and the OOM kill, at 30 times the speed.
 sh -c "echo \$\$ >$cg/tessard.service/cgroup.procs

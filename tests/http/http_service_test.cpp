@@ -45,8 +45,7 @@ struct TestHandler final : RequestHandlerMixin {
         char piece[512];
         std::string why;
         try {
-            while (co_await request->Read(piece, sizeof piece) >= 0) {
-            }
+            while (co_await request->Read(piece, sizeof piece) >= 0) continue;
             response->Answer(ResponseCode::Ok);
         } catch (const IOException& e) {
             why = e.what();

@@ -50,7 +50,7 @@ struct ReportsTest : testing::Test {
     Ref<Tessard::TessardHandler> handler = MakeRef<Tessard::TessardHandler>(dir);
 };
 
-TEST_F(ReportsTest, RefusesInTheOrderOfItsChecks) {
+TEST_F(ReportsTest, RefusesInTheOrderOfItsChecksAndTheLastUrlSegmentNamesTheReport) {
     for (std::string type :
          {"Application/JSON", "application/json; charset=utf-8", "application/jsonl", ""})
         EXPECT_EQ(Post("/cpu", "{}", type), 400) << type;
@@ -76,9 +76,8 @@ TEST_F(ReportsTest, RefusesInTheOrderOfItsChecks) {
     EXPECT_EQ(huge->bytesRead, 0u);
     EXPECT_TRUE(log.Has(LogLevel::Error, "Report too large: 1048577"));
     EXPECT_TRUE(ListDir(dir).empty()) << "refusals touch no file";
-}
 
-TEST_F(ReportsTest, TheLastUrlSegmentNamesTheReport) {
+    // The last URL segment names the report.
     EXPECT_EQ(Post("/a/b/cpu", "1"), 200);
     EXPECT_EQ(Post("cpu", "2"), 200) << "a URL without a slash is the name";
     EXPECT_EQ(ReadFile(dir + "cpu-1.json"), "2");

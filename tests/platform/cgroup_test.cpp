@@ -119,9 +119,8 @@ TEST_F(Cgroup, KtabAnswersFromTheHierarchyAndTheLauncherKeepsOnlyGroupsInUse) {
     for (const char* bad :
          {"", "++group=other,mem=16", "++group=tessard-plugins", "++group=tessard-plugins,mem=0",
           "++group=tessard-plugins,mem=-1", "++group=tessard-plugins,mem=12x",
-          "++group=tessard-plugins,mem=", "++group=tessard-plugins,mem=99999999999999"}) {
+          "++group=tessard-plugins,mem=", "++group=tessard-plugins,mem=99999999999999"})
         EXPECT_EQ(Launch({"/bin/true", bad}), EINVAL) << bad;
-    }
     EXPECT_EQ(Launch({"/bin/true", kRequest, kRequest}), EINVAL) << "two requests";
 
     // Leftovers: a dead daemon's (no pid is that large), a live one's (init), strangers' (a, b).

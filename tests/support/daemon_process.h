@@ -96,11 +96,9 @@ class DaemonProcess {
     testing::AssertionResult HasLine(const std::string& level, const std::string& logger,
                                      const std::string& message,
                                      std::chrono::milliseconds timeout = 5s) const {
-        if (WaitForLog(" " + level + " " + logger + ": " + message + "\n", timeout))
-            return testing::AssertionSuccess();
-        return testing::AssertionFailure()
-               << "missing \"" << level << " " << logger << ": " << message << "\" in:\n"
-               << Logs();
+        const std::string line = " " + level + " " + logger + ": " + message + "\n";
+        if (WaitForLog(line, timeout)) return testing::AssertionSuccess();
+        return testing::AssertionFailure() << "missing \"" << line << "\" in:\n" << Logs();
     }
 
     // Exit code (128 + signal when killed); empty while still running after `timeout`.

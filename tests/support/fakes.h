@@ -105,11 +105,9 @@ struct FakeResponse : Pelinor::Http::Response {
 };
 
 struct FakeRequest : Pelinor::Http::Request {
-    FakeRequest(std::string url, std::string body, std::string contentType = "application/json")
-        : declaredLength(static_cast<int64_t>(body.size())),
-          url(std::move(url)),
-          body(std::move(body)),
-          contentType(std::move(contentType)) {}
+    FakeRequest(const std::string& url, const std::string& body,
+                const std::string& type = "application/json")
+        : declaredLength(body.size()), url(url), body(body), contentType(type) {}
 
     std::optional<int64_t> declaredLength;  // none, as in a chunked request
     size_t piece = 0;                       // when set, each read suspends, then gives <= piece
