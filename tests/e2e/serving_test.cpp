@@ -187,8 +187,8 @@ TEST(CrashLoop, ManyClientsReportsLandInOrderAndEveryKillLeavesWholeAcknowledged
         threads.emplace_back([&, c] {
             RawHttpConnection connection(daemon.Port());
             for (int s = 0; s < kPerConnection; ++s) {
-                const std::string name = "n" + std::to_string(s % kNames);
-                const std::string body = NumberedBody(name, c, s, 1024);
+                const std::string name = "n" + std::to_string(s % kNames),
+                                  body = NumberedBody(name, c, s, 1024);
                 Request& r = requests.at(body);
                 r.sent = ++clock;
                 // A failed send shows as a missing reply.
