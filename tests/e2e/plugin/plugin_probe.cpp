@@ -1,7 +1,8 @@
 // A stand-in plugin for end-to-end tests. What it does depends on the name it was
 // started under; it writes its findings next to itself, in <argv[0]>.out/.
-//   probe*   records its argument vector, environment, open descriptors, blocked and ignored
-//            signals, cgroups, the memory cap of its group (cgroup v1) and its credentials
+//   probe*   records its argument vector, environment, open descriptors, cgroups, the memory
+//            cap of its group (cgroup v1) and its status (credentials, blocked and ignored
+//            signals)
 //   hog*     touches twice the memory its group argument allows
 //   sleeper* counts every SIGTERM it receives and keeps running
 #include <fcntl.h>
@@ -29,16 +30,6 @@ int main(int argc, char** argv) {
         for (int i = 0; i < argc; ++i) args << argv[i] << '\n';
         std::ofstream env(out + "env");
         for (char** e = environ; *e != nullptr; ++e) env << *e << '\n';
-        std::ofstream signals(out + "signals");  // blocked or ignored ones
-        sigset_t blocked;
-        sigprocmask(SIG_BLOCK, nullptr, &blocked);
-        for (int signal = 1; signal < NSIG; ++signal) {
-            struct sigaction action {};
-            // glibc refuses its own two real-time signals here, as it does to the daemon.
-            if (sigaction(signal, nullptr, &action) != 0) continue;
-            if (sigismember(&blocked, signal) == 1 || action.sa_handler == SIG_IGN)
-                signals << signal << '\n';
-        }
         std::ofstream(out + "cgroup") << std::ifstream("/proc/self/cgroup").rdbuf();
         std::ofstream(out + "status") << std::ifstream("/proc/self/status").rdbuf();
         std::ifstream groups("/proc/self/cgroup");
