@@ -14,8 +14,6 @@
 #include <fstream>
 #include <string>
 
-extern char** environ;
-
 int main(int argc, char** argv) {
     const std::string self = argv[0], out = self + ".out/", name = self.substr(self.rfind('/') + 1);
     std::ofstream(out + "pids", std::ios::app) << getpid() << '\n';
@@ -28,8 +26,7 @@ int main(int argc, char** argv) {
         std::ofstream(out + "fds") << fds;
         std::ofstream args(out + "argv");
         for (int i = 0; i < argc; ++i) args << argv[i] << '\n';
-        std::ofstream env(out + "env");
-        for (char** e = environ; *e != nullptr; ++e) env << *e << '\n';
+        std::ofstream(out + "env") << std::ifstream("/proc/self/environ").rdbuf();
         std::ofstream(out + "cgroup") << std::ifstream("/proc/self/cgroup").rdbuf();
         std::ofstream(out + "status") << std::ifstream("/proc/self/status").rdbuf();
         std::ifstream groups("/proc/self/cgroup");
