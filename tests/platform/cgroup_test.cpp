@@ -24,7 +24,7 @@ using Ktab::Node;
 using namespace TessardTest;
 
 constexpr const char* kRootVariable = "TESSARD_CGROUP_ROOT";
-constexpr const char* kPoolPath = "host/zol/kelpod/tessard-plugins";
+using Ktab::kPoolPath;
 constexpr const char* kRequest = "++group=tessard-plugins,mem=16";
 
 struct Cgroup : testing::Test {

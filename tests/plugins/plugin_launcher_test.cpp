@@ -59,7 +59,7 @@ struct ManualScheduler : System::Scheduler {
         nowUs = until;
     }
     // The time of the scheduler in use.
-    static double Now() { return static_cast<double>(Current().nowUs) / 1e6; }
+    static double Now() { return static_cast<ManualScheduler&>(*sInstance).nowUs / 1e6; }
 
     struct Timer : System::ScheduledItem {
         explicit Timer(System::ScheduledCallback callback) : callback(std::move(callback)) {}
@@ -67,7 +67,6 @@ struct ManualScheduler : System::Scheduler {
         System::ScheduledCallback callback;
         bool cancelled = false;
     };
-    static ManualScheduler& Current() { return static_cast<ManualScheduler&>(*sInstance); }
 
     Scheduler* previous;
     int64_t nowUs = 0;
