@@ -52,18 +52,15 @@ TEST(StatusBoard, OutcomesBecomeStatusAndMetrics) {
     EXPECT_STREQ(status["plugins"][1]["lastOutcome"]["end"].GetString(), "oom_killed");
 
     std::string metrics = board.Prometheus(t0 + 3s);
-    for (const char* line : {
-             "tessard_report_last_seconds{name=\"disk\"} 1800000001\n",
-             "tessard_reports_total{name=\"a-b\",code=\"400\"} 1\n",
-             "tessard_plugin_last_exit{plugin=\"sig\"} 143\n",
-             "tessard_plugin_oom_kills_total{plugin=\"oom\"} 1\n",
-             "tessard_plugin_oom_kills_total{plugin=\"sig\"} 0\n",
-             "tessard_plugin_duration_seconds{plugin=\"oom\"} 2.5\n",
-             "tessard_plugin_peak_memory_bytes{plugin=\"oom\"} 41943040\n",
-             "tessard_plugin_runs_total{plugin=\"new\",end=\"launch_failed\"} 1\n",
-         }) {
+    for (const char* line : {"tessard_report_last_seconds{name=\"disk\"} 1800000001\n",
+                             "tessard_reports_total{name=\"a-b\",code=\"400\"} 1\n",
+                             "tessard_plugin_last_exit{plugin=\"sig\"} 143\n",
+                             "tessard_plugin_oom_kills_total{plugin=\"oom\"} 1\n",
+                             "tessard_plugin_oom_kills_total{plugin=\"sig\"} 0\n",
+                             "tessard_plugin_duration_seconds{plugin=\"oom\"} 2.5\n",
+                             "tessard_plugin_peak_memory_bytes{plugin=\"oom\"} 41943040\n",
+                             "tessard_plugin_runs_total{plugin=\"new\",end=\"launch_failed\"} 1\n"})
         EXPECT_NE(metrics.find(line), std::string::npos) << line << metrics;
-    }
 
     // Refused names and names beyond the limit are counted, not tracked: clients cannot grow
     // the file unbounded.

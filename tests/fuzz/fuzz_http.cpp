@@ -25,8 +25,7 @@ using Pelinor::Executor;
 
 // A client that has sent `input` in pieces of at most `piece` bytes, each after a pause in
 // which nothing is there (so waiting is taken too), and then shut down its end.
-class MemorySocket : public net::socket_base {
-  public:
+struct MemorySocket : net::socket_base {
     using executor_type = Executor;
     MemorySocket(Executor executor, std::string_view input, size_t piece, std::string& output)
         : executor(executor), input(input), piece(piece), output(&output) {}
@@ -34,12 +33,9 @@ class MemorySocket : public net::socket_base {
     Executor get_executor() const { return executor; }
     void non_blocking(bool, boost::system::error_code&) {}
     size_t read_some(net::mutable_buffer buffer, boost::system::error_code& ec) {
-        if (paused = !paused; paused) {
-            ec = net::error::would_block;
-            return 0;
-        }
-        if (input.empty()) {
-            ec = net::error::eof;
+        if ((paused = !paused) || input.empty()) {
+            ec = paused ? make_error_code(net::error::would_block)
+                        : make_error_code(net::error::eof);
             return 0;
         }
         size_t n = std::min({buffer.size(), piece, input.size()});
@@ -65,7 +61,6 @@ class MemorySocket : public net::socket_base {
     void shutdown(shutdown_type, boost::system::error_code&) {}
     void close(boost::system::error_code&) {}
 
-  private:
     Executor executor;
     std::string_view input;
     size_t piece;
@@ -111,7 +106,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::filesystem::create_directories(reports);
 
     const std::optional<uint32_t> users[] = {0, Tessard::kNobodyId, std::nullopt};
-    auto clientUid = users[data[0] % 3];
     size_t piece = data[0] / 3 == 0 ? SIZE_MAX : data[0] / 3;
     std::string_view input(reinterpret_cast<const char*>(data) + 1, size - 1);
 
@@ -124,7 +118,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                   Pelinor::Http::Connection<MemorySocket>::Run(
                       std::make_shared<Pelinor::Http::Connection<MemorySocket>>(
                           core, *home, MemorySocket(io.get_executor(), input, piece, output),
-                          handler, clientUid)),
+                          handler, users[data[0] % 3])),
                   [&](std::exception_ptr) { done = true; });
     io.run();  // the jobs' ends too, so that every name's queue is free for the next input
     if (!done || !WellFormed(output)) __builtin_trap();

@@ -13,9 +13,11 @@
 #include "tests/fuzz/fuzz_support.h"
 #include "tests/support/temp_dir.h"
 
+using namespace TessardTest;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     TessardFuzz::Setup();
-    static TessardTest::TempDir dir;
+    static TempDir dir;
     const std::string name(reinterpret_cast<const char*>(data), size);
     const bool accepted = Tessard::IsReportName(name);
     Pelinor::Ref<Tessard::ReportRoller> roller;
@@ -34,15 +36,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Pelinor::Ref<Pelinor::System::OutputStream> stream;
     Pelinor::Ref<Pelinor::System::File> file;
     if (!roller->CreateTempFile(stream, file)) __builtin_trap();
-    if (TessardTest::ListDir(dir.Path()) != std::set<std::string>{"." + name + "-0.json"})
-        __builtin_trap();
+    if (ListDir(dir.Path()) != std::set<std::string>{"." + name + "-0.json"}) __builtin_trap();
     stream->Write(name.data(), name.size());
     stream->Close();
     roller->Rotate(file);
-    if (TessardTest::ListDir(dir.Path()) !=
-            std::set<std::string>{name + "-0.json", name + ".json"} ||
-        TessardTest::ReadLink(dir / (name + ".json")) != name + "-0.json" ||
-        TessardTest::ReadFile(dir / (name + "-0.json")) != name)
+    if (ListDir(dir.Path()) != std::set<std::string>{name + "-0.json", name + ".json"} ||
+        ReadLink(dir / (name + ".json")) != name + "-0.json" ||
+        ReadFile(dir / (name + "-0.json")) != name)
         __builtin_trap();
     for (const auto& entry : std::filesystem::directory_iterator(dir.Path()))
         std::filesystem::remove(entry.path());

@@ -12,8 +12,7 @@
 
 namespace TessardFuzz {
 
-class Environment : public Pelinor::Service::LogSink {
-  public:
+struct Environment : Pelinor::Service::LogSink {
     Environment() {
         Pelinor::Service::SetLogSink(this);
         ::setenv("TESSARD_ROOT", root.Path().c_str(), 1);

@@ -8,10 +8,7 @@ set -euo pipefail
 tessard=${1:?usage: cgroup_v2_guest.sh TESSARD_BINARY PLUGIN_PROBE}
 probe=${2:?usage: cgroup_v2_guest.sh TESSARD_BINARY PLUGIN_PROBE}
 
-skip() {
-    echo "SKIPPED: $*"
-    exit 77
-}
+skip() { echo "SKIPPED: $*" && exit 77; }
 for tool in qemu-system-x86_64 cpio setfattr; do
     command -v $tool >/dev/null || skip "$tool is not installed"
 done
@@ -24,16 +21,13 @@ trap 'rm -rf "$work"' EXIT
 tree=$work/tree
 mkdir -p "$tree"/{bin,dev,proc,sys,tmp,etc,lib64}
 
-copy_with_libraries() {  # with the shared libraries it loads, at the same paths
-    local binary=$1 target=$2 library
-    cp "$binary" "$tree/$target"
-    for library in $(ldd "$binary" | grep -o '/[^ ]*'); do
-        mkdir -p "$tree/$(dirname "$library")"
-        cp -L "$library" "$tree/$library"
+copy_with_libraries() {  # binary target: with the shared libraries it loads, at the same paths
+    cp "$1" "$tree/$2"
+    for library in $(ldd "$1" | grep -o '/[^ ]*'); do
+        mkdir -p "$tree/$(dirname "$library")" && cp -L "$library" "$tree/$library"
     done
 }
-cp /bin/busybox "$tree/bin/busybox"
-ln -s busybox "$tree/bin/sh"
+cp /bin/busybox "$tree/bin/busybox" && ln -s busybox "$tree/bin/sh"
 copy_with_libraries "$tessard" bin/tessard
 copy_with_libraries "$(command -v setfattr)" bin/setfattr
 echo "127.0.0.1 localhost" >"$tree/etc/hosts"
@@ -44,8 +38,7 @@ config=$root/usr/lib/tolmar/tessard/plugins/config
 mkdir -p "$bin" "$config" "$root/etc/tolmar/cpservices/tessard"
 copy_with_libraries "$probe" t/usr/lib/tolmar/tessard/plugins/bin/hog
 plugin() {  # name frequency body
-    printf '#!/bin/sh\n%s\n' "$3" >"$bin/$1"
-    chmod 755 "$bin/$1"
+    printf '#!/bin/sh\n%s\n' "$3" >"$bin/$1" && chmod 755 "$bin/$1"
     printf '{"path": "%s", "frequency": "%s"}\n' "$1" "$2" >"$config/$1.json"
 }
 echo '{"path": "hog", "frequency": "slow"}' >"$config/hog.json"
@@ -64,21 +57,14 @@ cat >"$tree/init" <<'EOF'
 #!/bin/sh
 /bin/busybox --install -s /bin
 export PATH=/bin
-mount -t proc proc /proc
-mount -t sysfs sys /sys
-mount -t devtmpfs dev /dev
-mount -t tmpfs tmp /tmp
-ip link set lo up
-cg=/sys/fs/cgroup
-fail=""
-check() {  # pattern what
-    grep -q "$1" /tmp/log || fail="$fail; $2"
-}
+mount -t proc proc /proc && mount -t sysfs sys /sys && mount -t devtmpfs dev /dev
+mount -t tmpfs tmp /tmp && ip link set lo up
+cg=/sys/fs/cgroup fail=""
+check() { grep -q "$1" /tmp/log || fail="$fail; $2"; }  # pattern what
 
 mount -t cgroup2 cgroup2 $cg
 echo "+memory +pids" >$cg/cgroup.subtree_control
-mkdir $cg/tessard.service
-setfattr -n trusted.delegate -v 1 $cg/tessard.service
+mkdir $cg/tessard.service && setfattr -n trusted.delegate -v 1 $cg/tessard.service
 
 # Launches, stops and the OOM kill, at 30 times the speed.
 sh -c "echo \$\$ >$cg/tessard.service/cgroup.procs
@@ -99,10 +85,7 @@ left=$(cat $cg/tessard.service/host/zol/kelpod/tessard-plugins/*/cgroup.procs 2>
 others=$(ls -d $cg/*/ | grep -v '/tessard.service/$' | wc -l)
 [ "$others" = 0 ] || fail="$fail; groups made outside the delegated one"
 
-if [ -n "$fail" ]; then
-    echo "----- daemon log -----"
-    grep -v ' trivia ' /tmp/log | tail -n 60
-fi
+[ -z "$fail" ] || { echo "----- daemon log -----" && grep -v ' trivia ' /tmp/log | tail -n 60; }
 verdict=${fail:+FAIL$fail}
 echo "GUEST-VERDICT: ${verdict:-PASS}"
 poweroff -f
@@ -114,9 +97,6 @@ console=$work/console
 timeout 300 qemu-system-x86_64 -accel tcg -cpu max -m 256 -nographic -no-reboot -kernel "$kernel" \
     -initrd "$work/initramfs.gz" -append "console=ttyS0 panic=-1 quiet" </dev/null >"$console" 2>&1 || true
 sed -n '/^GUEST-\|^-----/,$p' "$console" | grep -v '^\[' || true
-if ! grep -q 'GUEST-VERDICT:' "$console"; then
-    echo "no verdict from the guest; its console ends with:"
-    tail -n 40 "$console"
-    exit 1
-fi
+grep -q 'GUEST-VERDICT:' "$console" ||
+    { echo "no verdict from the guest; its console ends with:" && tail -n 40 "$console" && exit 1; }
 grep -q 'GUEST-VERDICT: PASS' "$console"

@@ -24,8 +24,7 @@ using Exchange = std::pair<Ref<Request>, Ref<Response>>;
 // By target: "/answer" answers 200; "/keep" sets 206 and releases; "/throw" sets 206 and
 // throws; "/hold" hands the exchange to the test; "/read" reads the body in a queued job and
 // hands over why that failed ("" when it did not); anything else is released unanswered.
-class TestHandler final : public RequestHandlerMixin {
-  public:
+struct TestHandler final : RequestHandlerMixin {
     TestHandler() : RequestHandlerMixin(Service::Logger::sDefaultLogger) {
         System::GetThreadPool().CreateWorkQueue({"test", 16}, queue);
     }
@@ -42,13 +41,11 @@ class TestHandler final : public RequestHandlerMixin {
     std::promise<Exchange> held;
     std::promise<std::string> readFailure;
 
-  private:
     Task<void> ReadToEnd(Ref<Request> request, Ref<Response> response) {
         char piece[512];
         std::string why;
         try {
-            while (co_await request->Read(piece, sizeof piece) >= 0) {
-            }
+            while (co_await request->Read(piece, sizeof piece) >= 0) continue;
             response->Answer(ResponseCode::Ok);
         } catch (const IOException& e) {
             why = e.what();
@@ -72,8 +69,7 @@ std::string Next(RawHttpConnection& connection) {
     return reply ? std::to_string(reply->status) + " " + reply->headers["connection"] : "none";
 }
 
-class HttpServiceTest : public ::testing::Test {
-  protected:
+struct HttpServiceTest : ::testing::Test {
     void Start(const HttpLimits& limits) {
         auto socket = System::MakePosixServerSocket();
         socket->Listen("127.0.0.1", 0);

@@ -17,14 +17,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using namespace TessardTest;
 using Pelinor::MakeRef;
-using Pelinor::Ref;
 using Pelinor::Service::LogLevel;
 using Tessard::kMaxReportSize;
-using TessardTest::FakeRequest;
-using TessardTest::ReadFile;
-using TessardTest::ReadLink;
-using TessardTest::WriteFile;
 
 std::string NameError(const std::string& dir, const std::string& name) {
     return "Error opening directory " + dir + ": '" + name +
@@ -32,11 +28,10 @@ std::string NameError(const std::string& dir, const std::string& name) {
            "(expected regex '[a-zA-Z0-9_.-]+')";
 }
 
-class ReportsTest : public testing::Test {
-  protected:
+struct ReportsTest : testing::Test {
     // What the client receives once the response is released; 0 when it never is.
     int Post(const Ref<FakeRequest>& request, bool clientGone = false) {
-        auto response = MakeRef<TessardTest::FakeResponse>(clientGone);
+        auto response = MakeRef<FakeResponse>(clientGone);
         auto delivered = response->delivered.get_future();
         handler->HandlePost(request, response);
         response = nullptr;
@@ -49,13 +44,13 @@ class ReportsTest : public testing::Test {
     // Starts over on `dir`, as the daemon does after a restart.
     void Restart(const std::string& dir) { handler = MakeRef<Tessard::TessardHandler>(dir); }
 
-    TessardTest::TempDir tmp;
-    TessardTest::LogCapture log;
+    TempDir tmp;
+    LogCapture log;
     const std::string dir = tmp.Path() + "/";
     Ref<Tessard::TessardHandler> handler = MakeRef<Tessard::TessardHandler>(dir);
 };
 
-TEST_F(ReportsTest, RefusesInTheOrderOfItsChecks) {
+TEST_F(ReportsTest, RefusesInTheOrderOfItsChecksAndTheLastUrlSegmentNamesTheReport) {
     for (std::string type :
          {"Application/JSON", "application/json; charset=utf-8", "application/jsonl", ""})
         EXPECT_EQ(Post("/cpu", "{}", type), 400) << type;
@@ -80,10 +75,9 @@ TEST_F(ReportsTest, RefusesInTheOrderOfItsChecks) {
     EXPECT_EQ(Post(huge), 413);
     EXPECT_EQ(huge->bytesRead, 0u);
     EXPECT_TRUE(log.Has(LogLevel::Error, "Report too large: 1048577"));
-    EXPECT_TRUE(TessardTest::ListDir(dir).empty()) << "refusals touch no file";
-}
+    EXPECT_TRUE(ListDir(dir).empty()) << "refusals touch no file";
 
-TEST_F(ReportsTest, TheLastUrlSegmentNamesTheReport) {
+    // The last URL segment names the report.
     EXPECT_EQ(Post("/a/b/cpu", "1"), 200);
     EXPECT_EQ(Post("cpu", "2"), 200) << "a URL without a slash is the name";
     EXPECT_EQ(ReadFile(dir + "cpu-1.json"), "2");
@@ -132,7 +126,7 @@ TEST_F(ReportsTest, BodiesAreStoredWholeUpToTheLimitWhateverTheClientDoes) {
     EXPECT_EQ(ReadFile(dir + "cpu-0.json"), "kept");
 
     // Gone mid-body, or the file cannot be flushed: nothing becomes visible.
-    TessardTest::FaultyFactory faults;
+    FaultyFactory faults;
     auto broken = MakeRef<FakeRequest>("/cpu", std::string(4096, 'z'));
     broken->piece = 100;
     broken->failAfter = 1000;
@@ -140,17 +134,15 @@ TEST_F(ReportsTest, BodiesAreStoredWholeUpToTheLimitWhateverTheClientDoes) {
     faults.failClose = true;
     EXPECT_EQ(Post("/cpu", "unflushed"), 500);
     EXPECT_EQ(ReadLink(dir + "cpu.json"), "cpu-0.json");
-    EXPECT_EQ(TessardTest::ListDir(dir),
-              (std::set<std::string>{".cpu-1.json", ".cpu-2.json", "cpu-0.json", "cpu-1.json",
-                                     "cpu-2.json", "cpu.json"}));
+    EXPECT_EQ(ListDir(dir), (std::set<std::string>{".cpu-1.json", ".cpu-2.json", "cpu-0.json",
+                                                   "cpu-1.json", "cpu-2.json", "cpu.json"}));
     EXPECT_EQ(ReadFile(dir + "cpu-1.json"), whole);
 }
 
 TEST_F(ReportsTest, RestartContinuesFromTheHighestRegularReportFile) {
     struct Case {
         std::vector<std::string> files;
-        std::string name;
-        std::string nextFile;
+        std::string name, nextFile;
     } cases[] = {
         {{}, "n", "n-0.json"},
         {{"n-0.json", "n-1.json"}, "n", "n-2.json"},
@@ -164,7 +156,7 @@ TEST_F(ReportsTest, RestartContinuesFromTheHighestRegularReportFile) {
         {{"n-1.json/", "n-0.json@"}, "n", "n-0.json"},  // a directory and a link do not count
     };
     for (const auto& c : cases) {
-        TessardTest::TempDir ring;
+        TempDir ring;
         for (std::string f : c.files) {
             if (f.ends_with('/'))
                 fs::create_directory(ring / f);
@@ -182,7 +174,7 @@ TEST_F(ReportsTest, RestartContinuesFromTheHighestRegularReportFile) {
 }
 
 TEST_F(ReportsTest, FailuresKeepTheRingMovingAndTheNewestVisible) {
-    TessardTest::FaultyFactory faults;
+    FaultyFactory faults;
     ASSERT_EQ(Post("/cpu", "first"), 200);
     // A failed rename leaves slot 1 hidden; a temporary file gone before its rename
     // leaves slot 2 unwritten.
@@ -203,8 +195,7 @@ TEST_F(ReportsTest, FailuresKeepTheRingMovingAndTheNewestVisible) {
     ASSERT_EQ(Post("/cpu", "third"), 200);
     EXPECT_EQ(ReadFile(dir + "cpu-0.json"), "third");
     EXPECT_EQ(ReadFile(dir + "cpu.json"), "operator's file");
-    EXPECT_EQ(TessardTest::ListDir(dir),
-              (std::set<std::string>{".cpu-1.json", "cpu-0.json", "cpu.json"}));
+    EXPECT_EQ(ListDir(dir), (std::set<std::string>{".cpu-1.json", "cpu-0.json", "cpu.json"}));
 
     // The first report of a name lists the directory; when that fails, nothing is written.
     faults.failList = true;

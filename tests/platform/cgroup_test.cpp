@@ -5,9 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -21,21 +21,13 @@ namespace {
 namespace fs = std::filesystem;
 namespace Ktab = Pelinor::Ktab;
 using Ktab::Node;
+using namespace TessardTest;
 
 constexpr const char* kRootVariable = "TESSARD_CGROUP_ROOT";
-constexpr const char* kPoolPath = "host/zol/kelpod/tessard-plugins";
+using Ktab::kPoolPath;
 constexpr const char* kRequest = "++group=tessard-plugins,mem=16";
 
-std::vector<std::string> ChildGroups(const std::string& dir) {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(dir))
-        if (entry.is_directory()) names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-class Cgroup : public testing::Test {
-  protected:
+struct Cgroup : testing::Test {
     void SetUp() override {
         if (!cgroup.SkipReason().empty()) GTEST_SKIP() << cgroup.SkipReason();
         ::setenv(kRootVariable, root.c_str(), 1);
@@ -48,15 +40,13 @@ class Cgroup : public testing::Test {
     void MakeGroups(const std::string& path) { fs::create_directories(root + "/" + path); }
 
     // Launches args[0] with `args`; only a launch that succeeds sets `pid`.
-    int Launch(std::vector<std::string> args,
-               std::optional<Pelinor::System::Credentials> user = {}) {
+    int Launch(std::vector<std::string> args) {
         std::vector<char*> argv;
         for (auto& arg : args) argv.push_back(arg.data());
         argv.push_back(nullptr);
         Pelinor::System::RunOptions options;
         options.name = "test";
         options.logger = Pelinor::Service::Logger::sDefaultLogger;
-        options.user = user;
         return launcher.Launch(argv[0], argv.data(), options, pid);
     }
 
@@ -69,31 +59,25 @@ class Cgroup : public testing::Test {
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    Ktab::ParamList* Params(const std::string& path) {
-        auto* list = lists.emplace_back(ktab.ParamListCreate(0, 1));
-        return ktab.ParamListAddString(list, path.c_str()) == 0 ? list : nullptr;
-    }
-    Ktab::ParamList* Params(uint64_t id) {
-        auto* list = lists.emplace_back(ktab.ParamListCreate(0, 1));
-        return ktab.ParamListAddInt(list, id) == 0 ? list : nullptr;
-    }
     Ktab::Status IdOf(const std::string& path, uint64_t& id) {
-        return ktab.Set(Node::sched_groupPathNameToID, nullptr, Params(path), &id, 8);
+        auto* params = lists.emplace_back(ktab.ParamListCreate(0, 1));
+        EXPECT_EQ(ktab.ParamListAddString(params, path.c_str()), 0u);
+        return ktab.Set(Node::sched_groupPathNameToID, nullptr, params, &id, 8);
     }
     int64_t Children(uint64_t id) {  // or -(status)
+        auto* params = lists.emplace_back(ktab.ParamListCreate(0, 1));
+        EXPECT_EQ(ktab.ParamListAddInt(params, id), 0u);
         Ktab::ParamList* out = nullptr;
-        auto status =
-            ktab.GetInstanceListAlloc(Node::sched_groups_members_groups, Params(id), &out);
-        lists.push_back(out);
-        return status == 0 ? ktab.ParamListNumInstances(out) : -int64_t{status};
+        auto status = ktab.GetInstanceListAlloc(Node::sched_groups_members_groups, params, &out);
+        return status == 0 ? ktab.ParamListNumInstances(lists.emplace_back(out)) : -int64_t{status};
     }
 
-    TessardTest::TestCgroup cgroup;
+    TestCgroup cgroup;
     const std::string root = cgroup.Root(), pool = root + "/" + kPoolPath;
     Ktab::Interface& ktab = *Ktab::Interface::sInstance;
     Pelinor::System::ProcessLauncher& launcher = *Pelinor::System::ProcessLauncher::sInstance;
     std::vector<Ktab::ParamList*> lists;
-    TessardTest::TempDir temp;
+    TempDir temp;
     int32_t pid = -1;
 };
 
@@ -104,8 +88,7 @@ TEST_F(Cgroup, KtabAnswersFromTheHierarchyAndTheLauncherKeepsOnlyGroupsInUse) {
     EXPECT_EQ(ktab.CheckSig(release, sizeof release, &myDate), 0);
     ::setenv(kRootVariable, "/nonexistent/cgroup", 1);
     EXPECT_NE(ktab.CheckSig(release, sizeof release, &myDate), 0);
-    EXPECT_EQ(release, TessardTest::ReadFile("/proc/sys/kernel/osrelease").substr(0, 4))
-        << "cut to fit";
+    EXPECT_EQ(release, ReadFile("/proc/sys/kernel/osrelease").substr(0, 4)) << "cut to fit";
     EXPECT_TRUE(myDate != nullptr && *myDate != '\0');
     uint64_t id = 0, again = 0;
     EXPECT_EQ(IdOf(kPoolPath, id), static_cast<Ktab::Status>(ENOENT));
@@ -136,9 +119,8 @@ TEST_F(Cgroup, KtabAnswersFromTheHierarchyAndTheLauncherKeepsOnlyGroupsInUse) {
     for (const char* bad :
          {"", "++group=other,mem=16", "++group=tessard-plugins", "++group=tessard-plugins,mem=0",
           "++group=tessard-plugins,mem=-1", "++group=tessard-plugins,mem=12x",
-          "++group=tessard-plugins,mem=", "++group=tessard-plugins,mem=99999999999999"}) {
+          "++group=tessard-plugins,mem=", "++group=tessard-plugins,mem=99999999999999"})
         EXPECT_EQ(Launch({"/bin/true", bad}), EINVAL) << bad;
-    }
     EXPECT_EQ(Launch({"/bin/true", kRequest, kRequest}), EINVAL) << "two requests";
 
     // Leftovers: a dead daemon's (no pid is that large), a live one's (init), strangers' (a, b).
@@ -146,7 +128,10 @@ TEST_F(Cgroup, KtabAnswersFromTheHierarchyAndTheLauncherKeepsOnlyGroupsInUse) {
         MakeGroups(std::string(kPoolPath) + "/" + leftover);
     EXPECT_EQ(Launch({temp / "missing", kRequest}), ENOENT);
     EXPECT_EQ(pid, -1) << "a failed launch leaves the pid alone";
-    EXPECT_EQ(ChildGroups(pool), (std::vector<std::string>{"a", "b", "other", "run-1-0"}))
+    std::set<std::string> groups;
+    for (const auto& entry : fs::directory_iterator(pool))
+        if (entry.is_directory()) groups.insert(entry.path().filename());
+    EXPECT_EQ(groups, (std::set<std::string>{"a", "b", "other", "run-1-0"}))
         << "the dead daemon's group is swept; the failed start leaves nothing";
 
     MakeGroups("bare");  // a memory group without the pool in it
@@ -173,22 +158,11 @@ TEST_F(Cgroup, PoolScriptCreatesReportsAndRemovesOnlyWhatItMade) {
     };
     for (const Row& row : rows) {
         EXPECT_EQ(Pool(row.arguments), row.code) << row.arguments;
-        EXPECT_EQ(fs::exists(pool)
-                      ? std::stoull(TessardTest::ReadFile(pool + "/memory.limit_in_bytes")) >> 20
-                      : 0,
-                  row.capMb)
+        EXPECT_EQ(
+            fs::exists(pool) ? std::stoull(ReadFile(pool + "/memory.limit_in_bytes")) >> 20 : 0,
+            row.capMb)
             << row.arguments;
     }
-
-    // As nobody: no other group, no capability, and none to regain through execve.
-    fs::permissions(temp.Path(), fs::perms::all);
-    std::string grep = "grep -E '^([UG]id|Groups|Cap(Prm|Eff|Amb)|NoNewPrivs)' /proc/self/status >";
-    ASSERT_EQ(Launch({"/bin/sh", "-c", grep + (temp / "ids"), kRequest}, {{65534, 65534}}), 0);
-    EXPECT_TRUE(launcher.WaitIdle(std::chrono::seconds(10)));
-    EXPECT_EQ(TessardTest::ReadFile(temp / "ids"),
-              "Uid:\t65534\t65534\t65534\t65534\nGid:\t65534\t65534\t65534\t65534\nGroups:\t \n"
-              "CapPrm:\t0000000000000000\nCapEff:\t0000000000000000\nCapAmb:\t0000000000000000\n"
-              "NoNewPrivs:\t1\n");
 
     // A plugin still running keeps the pool; empty child groups go with it. (env takes the
     // request for a variable.)

@@ -26,7 +26,7 @@ using Pelinor::System::ParseTimeScale;
 using Pelinor::System::ScheduledItem;
 using Pelinor::System::Scheduler;
 
-TEST(Scheduler, RunsCallbacksInDelayOrderOneAtATimeOnItsOwnThread) {
+TEST(Scheduler, RunsCallbacksInDelayOrderOneAtATimeOnItsOwnThreadAndDropsThemWhenDestroyed) {
     TessardTest::LogCapture log;
     std::mutex mutex;
     std::vector<int> order;
@@ -73,23 +73,22 @@ TEST(Scheduler, RunsCallbacksInDelayOrderOneAtATimeOnItsOwnThread) {
     EXPECT_FALSE(threads.contains(std::this_thread::get_id()));
     EXPECT_TRUE(log.Has(LogLevel::Error, "A scheduled callback failed: disk gone"));
     EXPECT_TRUE(log.Has(LogLevel::Error, "A scheduled callback failed with an unknown exception"));
-}
 
-TEST(Scheduler, DestructionDropsPendingCallbacksAndTimeScalesMustBePositive) {
-    auto token = std::make_shared<int>(0);
+    // Destruction drops pending callbacks, and a deadline beyond the clock's range must not
+    // wrap into the past.
     std::atomic<int> ran{0};
     {
-        auto scheduler = Scheduler::Create(1);
         Ref<ScheduledItem> hour, forever;
         scheduler->Schedule([&, token](ScheduledItem*) { ++ran; }, 3'600'000'000, hour);
-        // A deadline beyond the clock's range must not wrap into the past.
         scheduler->Schedule([&](ScheduledItem*) { ++ran; }, std::numeric_limits<int64_t>::max(),
                             forever);
         std::this_thread::sleep_for(20ms);
+        scheduler = nullptr;
     }
     EXPECT_EQ(ran, 0);
     EXPECT_EQ(token.use_count(), 1);
 
+    // Time scales, of the scheduler and of TESSARD_TIME_SCALE, are positive.
     EXPECT_THROW(Scheduler::Create(0), InvalidArgumentException);
     EXPECT_EQ(ParseTimeScale(nullptr), 1);
     EXPECT_EQ(ParseTimeScale("250"), 250);

@@ -1,6 +1,7 @@
 // Captures the platform's log lines for the duration of a test.
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -9,25 +10,35 @@
 
 namespace TessardTest {
 
-class LogCapture : public Pelinor::Service::LogSink {
-  public:
-    // Installs itself and lets every level through the default logger.
-    LogCapture();
-    ~LogCapture() override;
+// Installs itself and lets every level through the default logger.
+struct LogCapture : Pelinor::Service::LogSink {
+    using LogLevel = Pelinor::Service::LogLevel;
+    using Logger = Pelinor::Service::Logger;
 
-    void Write(Pelinor::Service::LogLevel level, std::string_view logger,
-               std::string_view message) override;
+    LogCapture() { Logger::sDefaultLogger->SetLevel(LogLevel::Trivia); }
+    ~LogCapture() override {
+        Pelinor::Service::SetLogSink(previous);
+        Logger::sDefaultLogger->SetLevel(previousLevel);
+    }
 
+    void Write(LogLevel level, std::string_view, std::string_view message) override {
+        std::lock_guard lock(mutex);
+        lines.emplace_back(level, message);
+    }
     // Lines with exactly this message (and level).
-    bool Has(const std::string& message) const;
-    bool Has(Pelinor::Service::LogLevel level, const std::string& message) const;
-    void Clear();
+    bool Has(const std::string& message) const {
+        std::lock_guard lock(mutex);
+        return std::ranges::any_of(lines, [&](auto& line) { return line.second == message; });
+    }
+    bool Has(LogLevel level, const std::string& message) const {
+        std::lock_guard lock(mutex);
+        return std::ranges::count(lines, std::pair(level, message)) > 0;
+    }
 
-  private:
     mutable std::mutex mutex;
-    std::vector<std::pair<Pelinor::Service::LogLevel, std::string>> lines;
-    Pelinor::Service::LogSink* previous;
-    Pelinor::Service::LogLevel previousLevel;
+    std::vector<std::pair<LogLevel, std::string>> lines;
+    Pelinor::Service::LogSink* previous = Pelinor::Service::SetLogSink(this);
+    LogLevel previousLevel = Logger::sDefaultLogger->GetLevel();
 };
 
 }  // namespace TessardTest

@@ -1,7 +1,8 @@
 // A stand-in plugin for end-to-end tests. What it does depends on the name it was
 // started under; it writes its findings next to itself, in <argv[0]>.out/.
-//   probe*   records its argument vector, environment, open descriptors, blocked and ignored
-//            signals, cgroups, the memory cap of its group (cgroup v1) and its credentials
+//   probe*   records its argument vector, environment, open descriptors, cgroups, the memory
+//            cap of its group (cgroup v1) and its status (credentials, blocked and ignored
+//            signals)
 //   hog*     touches twice the memory its group argument allows
 //   sleeper* counts every SIGTERM it receives and keeps running
 #include <fcntl.h>
@@ -13,12 +14,8 @@
 #include <fstream>
 #include <string>
 
-extern char** environ;
-
 int main(int argc, char** argv) {
-    std::string self = argv[0];
-    std::string out = self + ".out/";
-    std::string name = self.substr(self.rfind('/') + 1);
+    const std::string self = argv[0], out = self + ".out/", name = self.substr(self.rfind('/') + 1);
     std::ofstream(out + "pids", std::ios::app) << getpid() << '\n';
 
     if (name.starts_with("probe")) {
@@ -29,29 +26,16 @@ int main(int argc, char** argv) {
         std::ofstream(out + "fds") << fds;
         std::ofstream args(out + "argv");
         for (int i = 0; i < argc; ++i) args << argv[i] << '\n';
-        std::ofstream env(out + "env");
-        for (char** e = environ; *e != nullptr; ++e) env << *e << '\n';
-        std::ofstream signals(out + "signals");  // blocked or ignored ones
-        sigset_t blocked;
-        sigprocmask(SIG_BLOCK, nullptr, &blocked);
-        for (int signal = 1; signal < NSIG; ++signal) {
-            struct sigaction action {};
-            // glibc refuses its own two real-time signals here, as it does to the daemon.
-            if (sigaction(signal, nullptr, &action) != 0) continue;
-            if (sigismember(&blocked, signal) == 1 || action.sa_handler == SIG_IGN)
-                signals << signal << '\n';
-        }
+        std::ofstream(out + "env") << std::ifstream("/proc/self/environ").rdbuf();
         std::ofstream(out + "cgroup") << std::ifstream("/proc/self/cgroup").rdbuf();
         std::ofstream(out + "status") << std::ifstream("/proc/self/status").rdbuf();
         std::ifstream groups("/proc/self/cgroup");
-        for (std::string line; std::getline(groups, line);) {
-            if (size_t at = line.find(":memory:"); at != std::string::npos) {
+        for (std::string line; std::getline(groups, line);)
+            if (size_t at = line.find(":memory:"); at != std::string::npos)
                 std::ofstream(out + "limit")
                     << std::ifstream("/sys/fs/cgroup/memory" + line.substr(at + 8) +
                                      "/memory.limit_in_bytes")
                            .rdbuf();
-            }
-        }
         return 0;
     }
     if (name.starts_with("hog")) {
