@@ -28,8 +28,10 @@ bool Lookup(Entry& entry, std::vector<char>& buffer, Get get) {
     }
 }
 
-std::optional<Account> FromPasswd(const passwd& entry) {
-    return Account{entry.pw_uid, entry.pw_gid, entry.pw_name};
+bool PasswdOf(uint32_t uid, passwd& entry, std::vector<char>& buffer) {
+    return Lookup(entry, buffer, [&](passwd* out, char* data, size_t size, passwd** result) {
+        return ::getpwuid_r(uid, out, data, size, result);
+    });
 }
 
 }  // namespace
@@ -40,11 +42,12 @@ std::optional<Account> FindUser(std::string_view nameOrNumber) {
     uint32_t uid = 0;
     bool byNumber = ParseWhole(nameOrNumber, uid);
     std::string name(nameOrNumber);
-    bool found = Lookup(entry, buffer, [&](passwd* out, char* data, size_t size, passwd** result) {
-        return byNumber ? ::getpwuid_r(uid, out, data, size, result)
-                        : ::getpwnam_r(name.c_str(), out, data, size, result);
-    });
-    if (found) return FromPasswd(entry);
+    bool found = byNumber ? PasswdOf(uid, entry, buffer)
+                          : Lookup(entry, buffer,
+                                   [&](passwd* out, char* data, size_t size, passwd** result) {
+                                       return ::getpwnam_r(name.c_str(), out, data, size, result);
+                                   });
+    if (found) return Account{entry.pw_uid, entry.pw_gid, entry.pw_name};
     // A number is a user whether or not the database names it; its group is unknown.
     if (byNumber) return Account{uid, uid, name};
     return std::nullopt;
@@ -66,10 +69,7 @@ std::optional<uint32_t> FindGroup(std::string_view nameOrNumber) {
 std::vector<uint32_t> GroupsOf(uint32_t uid) {
     passwd entry{};
     std::vector<char> buffer;
-    if (!Lookup(entry, buffer, [&](passwd* out, char* data, size_t size, passwd** result) {
-            return ::getpwuid_r(uid, out, data, size, result);
-        }))
-        return {};
+    if (!PasswdOf(uid, entry, buffer)) return {};
     std::vector<gid_t> groups(kFirstGroupCount);
     int count = static_cast<int>(groups.size());
     while (::getgrouplist(entry.pw_name, entry.pw_gid, groups.data(), &count) < 0) {

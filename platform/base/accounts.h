@@ -15,7 +15,8 @@ struct Account {
     std::string name;
 };
 
-// A user by name or number; none when no such user is known.
+// A user by name or number; none when no user has that name. A number is a user whether or
+// not the database knows it (its group is then the same number).
 std::optional<Account> FindUser(std::string_view nameOrNumber);
 // A group id by name or number; a number is taken as it is.
 std::optional<uint32_t> FindGroup(std::string_view nameOrNumber);
