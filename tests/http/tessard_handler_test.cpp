@@ -133,6 +133,8 @@ TEST_F(ReportsTest, BodiesAreStoredWholeUpToTheLimitWhateverTheClientDoes) {
     EXPECT_EQ(Post(broken), 500);
     faults.failClose = true;
     EXPECT_EQ(Post("/cpu", "unflushed"), 500);
+    EXPECT_TRUE(log.WaitFor(LogLevel::Error,
+                            "A job of work queue work-queue-cpu failed: injected close failure"));
     EXPECT_EQ(ReadLink(dir + "cpu.json"), "cpu-0.json");
     EXPECT_EQ(ListDir(dir), (std::set<std::string>{".cpu-1.json", ".cpu-2.json", "cpu-0.json",
                                                    "cpu-1.json", "cpu-2.json", "cpu.json"}));
@@ -200,6 +202,8 @@ TEST_F(ReportsTest, FailuresKeepTheRingMovingAndTheNewestVisible) {
     // The first report of a name lists the directory; when that fails, nothing is written.
     faults.failList = true;
     EXPECT_EQ(Post("/mem", "x"), 500);
+    EXPECT_TRUE(log.WaitFor(LogLevel::Error,
+                            "A job of work queue work-queue-mem failed: injected listing failure"));
     EXPECT_FALSE(fs::exists(dir + ".mem-0.json"));
 }
 

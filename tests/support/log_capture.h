@@ -2,6 +2,8 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -24,6 +26,7 @@ struct LogCapture : Pelinor::Service::LogSink {
     void Write(LogLevel level, std::string_view, std::string_view message) override {
         std::lock_guard lock(mutex);
         lines.emplace_back(level, message);
+        added.notify_all();
     }
     // Lines with exactly this message (and level).
     bool Has(const std::string& message) const {
@@ -34,8 +37,16 @@ struct LogCapture : Pelinor::Service::LogSink {
         std::lock_guard lock(mutex);
         return std::ranges::count(lines, std::pair(level, message)) > 0;
     }
+    // For lines a loop thread writes after the client already has its answer.
+    bool WaitFor(LogLevel level, const std::string& message) const {
+        std::unique_lock lock(mutex);
+        return added.wait_for(lock, std::chrono::seconds(5), [&] {
+            return std::ranges::count(lines, std::pair(level, message)) > 0;
+        });
+    }
 
     mutable std::mutex mutex;
+    mutable std::condition_variable added;
     std::vector<std::pair<LogLevel, std::string>> lines;
     Pelinor::Service::LogSink* previous = Pelinor::Service::SetLogSink(this);
     LogLevel previousLevel = Logger::sDefaultLogger->GetLevel();
