@@ -69,7 +69,7 @@ tcp ProtocolOf(const UniqueFd& fd) {
 
 Listener::Listener(Core& core, UniqueFd fd)
     : core(core),
-      executor(EventLoops::Get().At(EventLoops::Get().NextIndex())),
+      executor(EventLoops::Get().Next()),
       protocol(ProtocolOf(fd)),
       acceptor(executor),
       retry(executor) {
@@ -222,7 +222,7 @@ bool Core::Full() {
 }
 
 void Core::Open(UniqueFd fd, const tcp& protocol, std::optional<uint32_t> clientUid) {
-    size_t loop = EventLoops::Get().NextIndex() % loops.size();
+    size_t loop = EventLoops::Get().NextIndex();
     auto executor = EventLoops::Get().At(loop);
     TcpSocket socket(executor);
     boost::system::error_code ec;

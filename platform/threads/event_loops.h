@@ -34,6 +34,7 @@ class EventLoops {
     Executor At(size_t index) const;
     // The loops in turn, for new connections.
     size_t NextIndex() { return next.fetch_add(1, std::memory_order_relaxed) % loops.size(); }
+    Executor Next() { return At(NextIndex()); }
 
     // The calling thread's loop, if it runs one.
     static std::optional<Executor> Current();
@@ -57,9 +58,6 @@ class ScopedLoop {
   private:
     boost::asio::io_context* previous;
 };
-
-// How many CPUs the daemon may use: its affinity mask, lowered by its cgroup's CPU quota.
-size_t UsableCpus();
 
 // Names the calling thread as `top -H` shows it (at most 15 characters are kept).
 void NameThread(const char* name);

@@ -21,9 +21,10 @@ class SerialWorkQueue final : public WorkQueue {
     explicit SerialWorkQueue(const WorkQueueDesc& desc) : desc(desc) {}
 
     void Enqueue(Job job, bool anyLoop) override {
-        auto& loops = EventLoops::Get();
-        Waiting item{EventLoops::Current().value_or(loops.At(loops.NextIndex())), std::move(job),
-                     anyLoop};
+        // A loop's own job stays there: taking a turn of the rotation would skew where new
+        // connections go, and every job would write a counter that all loops share.
+        auto current = EventLoops::Current();
+        Waiting item{current ? *current : EventLoops::Get().Next(), std::move(job), anyLoop};
         {
             std::lock_guard lock(mutex);
             if (running) {
