@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "platform/base/accounts.h"
 #include "platform/base/exceptions.h"
 #include "platform/base/unique_fd.h"
 #include "platform/fs/files.h"
@@ -211,7 +212,7 @@ std::string TamperProblem(const std::string& path, const std::string& top) {
     for (std::string current = path;;) {
         struct stat st {};
         if (::stat(current.c_str(), &st) != 0) return "";  // the launch tells what is missing
-        if (st.st_uid != 0 && st.st_uid != ::geteuid()) {
+        if (st.st_uid != 0 && st.st_uid != OwnUid()) {
             return current + " belongs to uid " + std::to_string(st.st_uid) + ", not to root";
         }
         if ((st.st_mode & S_IWOTH) != 0) return current + " is writable by everyone";

@@ -11,6 +11,7 @@
 
 #include "platform/base/format.h"
 #include "platform/base/logging.h"
+#include "platform/kernel/cgroup_paths.h"
 
 namespace Pelinor::System {
 
@@ -21,7 +22,6 @@ using Service::Log;
 using Service::Logger;
 using Service::LogLevel;
 
-constexpr const char* kCgroupMount = "/sys/fs/cgroup";
 constexpr size_t kMaxThreadName = 15;
 
 thread_local net::io_context* tCurrent = nullptr;
@@ -50,9 +50,9 @@ std::optional<size_t> CgroupCpus() {
             std::optional<size_t> cpus;
             std::string q, p;
             if (v2) {
-                std::ifstream(std::string(kCgroupMount) + path + "/cpu.max") >> q >> p;
+                std::ifstream(std::string(Cgroup::kUnifiedMount) + path + "/cpu.max") >> q >> p;
             } else {
-                std::string group = std::string(kCgroupMount) + "/cpu" + path;
+                std::string group = std::string(Cgroup::kUnifiedMount) + "/cpu" + path;
                 std::ifstream(group + "/cpu.cfs_quota_us") >> q;
                 std::ifstream(group + "/cpu.cfs_period_us") >> p;
             }
@@ -64,8 +64,7 @@ std::optional<size_t> CgroupCpus() {
     return tightest;
 }
 
-}  // namespace
-
+// How many CPUs the daemon may use: its affinity mask, lowered by its cgroup's CPU quota.
 size_t UsableCpus() {
     cpu_set_t set;
     size_t cpus = ::sched_getaffinity(0, sizeof set, &set) == 0
@@ -74,6 +73,8 @@ size_t UsableCpus() {
     if (auto quota = CgroupCpus()) cpus = std::min(cpus, *quota);
     return std::max<size_t>(cpus, 1);
 }
+
+}  // namespace
 
 void NameThread(const char* name) {
     std::string cut(name, std::min(std::char_traits<char>::length(name), kMaxThreadName));
