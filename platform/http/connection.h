@@ -94,10 +94,8 @@ class Connection final : public ConnectionBase {
     Clock::time_point deadline{};
     Clock::time_point idleSince{};
     // The body of the current exchange: bytes still to come, unless chunked or handed over
-    // whole (then `memoryLength` of the buffer's bytes are its).
+    // whole with the head.
     uint64_t remaining = 0;
-    size_t memoryLength = 0;
-    bool memoryBody = false;
     bool chunked = false;
     bool closed = false;
     bool timedOut = false;

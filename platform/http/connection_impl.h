@@ -149,13 +149,12 @@ std::optional<Answer> Connection<Socket>::RefusalOfHead(const boost::beast::erro
     if (ec == bhttp::error::header_limit || ec == net::error::no_buffer_space) {
         Service::Log(core->logger, Service::LogLevel::Verbose,
                      "Refusing a request head over %1 bytes", core->limits.maxHeaderBytes);
-        return Answer{ResponseCode::RequestHeaderFieldsTooLarge.code,
-                      ResponseCode::RequestHeaderFieldsTooLarge.reason};
+        return Answer{ResponseCode::RequestHeaderFieldsTooLarge};
     }
     if (IsParseError(ec)) {
         Service::Log(core->logger, Service::LogLevel::Verbose, "Refusing a malformed request: %1",
                      ec.message());
-        return Answer{ResponseCode::BadRequest.code, ResponseCode::BadRequest.reason};
+        return Answer{ResponseCode::BadRequest};
     }
     return std::nullopt;  // the client left
 }
@@ -170,8 +169,8 @@ Task<bool> Connection<Socket>::Exchange() {
     chunked = parser->chunked();
     remaining = chunked ? 0 : length.value_or(0);
     // A body that came with the head is handed over whole: reading it waits for nothing.
-    memoryBody = !chunked && buffer.size() >= remaining;
-    memoryLength = memoryBody ? static_cast<size_t>(remaining) : 0;
+    const bool memoryBody = !chunked && buffer.size() >= remaining;
+    const size_t memoryLength = memoryBody ? static_cast<size_t>(remaining) : 0;
     uint64_t current = ++exchange;
     phase = Phase::Handling;
     {

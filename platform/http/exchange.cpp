@@ -86,8 +86,7 @@ class ResponseImpl final : public Response {
             throw InvalidArgumentException("Invalid HTTP status " + std::to_string(c.code));
         }
         std::lock_guard lock(mutex);
-        answer.code = c.code;
-        answer.reason = c.reason;
+        answer.status = c;
     }
 
     void SetHeader(const std::string& name, const std::string& value) override {
@@ -99,12 +98,12 @@ class ResponseImpl final : public Response {
         std::lock_guard lock(mutex);
         auto& headers = answer.headers;
         auto same = std::find_if(headers.begin(), headers.end(), [&](const auto& header) {
-            return boost::beast::iequals(header.first, name);
+            return boost::beast::iequals(header.name, name);
         });
         if (same != headers.end()) {
-            same->second = value;
+            same->value = value;
         } else {
-            headers.emplace_back(name, value);
+            headers.push_back({name, value});
         }
     }
 
@@ -116,8 +115,7 @@ class ResponseImpl final : public Response {
     void SendFailure() {
         std::lock_guard lock(mutex);
         if (sent) return;
-        answer.code = ResponseCode::InternalServerError.code;
-        answer.reason = ResponseCode::InternalServerError.reason;
+        answer.status = ResponseCode::InternalServerError;
         SendLocked();
     }
 

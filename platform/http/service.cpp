@@ -146,18 +146,10 @@ void Listener::RetryLater() {
 
 namespace {
 
-std::string RenderHeaders(const std::vector<std::pair<std::string, std::string>>& headers) {
+std::string RenderHeaders(const std::vector<ResponseHeaderDefinition>& headers) {
     std::string out;
     for (const auto& [name, value] : headers) out += name + ": " + value + "\r\n";
     return out;
-}
-
-std::vector<std::pair<std::string, std::string>> Pairs(
-    const std::vector<ResponseHeaderDefinition>& definitions) {
-    std::vector<std::pair<std::string, std::string>> pairs;
-    for (const auto& definition : definitions)
-        pairs.emplace_back(definition.name, definition.value);
-    return pairs;
 }
 
 }  // namespace
@@ -166,7 +158,7 @@ Core::Core(Ref<Service::Logger> logger, const std::vector<ResponseHeaderDefiniti
            const HttpLimits& limits)
     : logger(std::move(logger)),
       limits(Sanitize(limits)),
-      headers(Pairs(headers)),
+      headers(headers),
       renderedHeaders(RenderHeaders(this->headers)) {
     EventLoops& all = EventLoops::Get(this->limits.maxLoops);
     for (size_t i = 0; i < all.Size(); ++i)
@@ -187,17 +179,17 @@ void Core::SetHandler(const Ref<RequestHandler>& h) {
 
 void Core::Render(std::string& out, const Answer& answer, unsigned version, bool keepAlive) const {
     char code[16];
-    auto end = std::to_chars(code, code + sizeof code, answer.code).ptr;
+    auto end = std::to_chars(code, code + sizeof code, answer.status.code).ptr;
     out.assign(version >= 11 ? "HTTP/1.1 " : "HTTP/1.0 ");
-    out.append(code, end).append(" ").append(answer.reason).append("\r\n");
+    out.append(code, end).append(" ").append(answer.status.reason).append("\r\n");
     if (answer.headers.empty()) {
         out += renderedHeaders;
     } else {  // a handler's header replaces the service's of the same name
         for (const auto& header : headers) {
             if (std::none_of(answer.headers.begin(), answer.headers.end(), [&](const auto& own) {
-                    return beast::iequals(own.first, header.first);
+                    return beast::iequals(own.name, header.name);
                 }))
-                out.append(header.first).append(": ").append(header.second).append("\r\n");
+                out.append(header.name).append(": ").append(header.value).append("\r\n");
         }
         out += RenderHeaders(answer.headers);
     }

@@ -33,9 +33,8 @@ constexpr size_t kLingerBytes = 64 * 1024;
 
 // What a handler answered: sent as it stands, with the service's own headers.
 struct Answer {
-    int code = 500;
-    std::string_view reason = ResponseCode::InternalServerError.reason;
-    std::vector<std::pair<std::string, std::string>> headers = {};  // beyond the service's
+    ResponseCode status = ResponseCode::InternalServerError;
+    std::vector<ResponseHeaderDefinition> headers = {};  // beyond the service's
 };
 
 class Core;
@@ -62,7 +61,6 @@ class ConnectionBase : public std::enable_shared_from_this<ConnectionBase> {
     // Any thread.
     const Executor& GetExecutor() const { return executor; }
     bool Gone() const { return gone.load(std::memory_order_relaxed); }
-    Core& Owner() const { return *core; }
     // An exchange whose body was handed over whole marks here that it was read to its end.
     void EndMemoryBody(uint64_t of) { memoryBodyEnded.store(of, std::memory_order_relaxed); }
 
@@ -152,7 +150,7 @@ class Core : public std::enable_shared_from_this<Core> {
     void ForEachConnection(Action action);
     bool WaitUntilNoConnections(std::chrono::milliseconds limit);
 
-    const std::vector<std::pair<std::string, std::string>> headers;
+    const std::vector<ResponseHeaderDefinition> headers;
     const std::string renderedHeaders;  // the service's own, as they go on the wire
     // By loop index; a pending sweep keeps its own, not the service's state.
     std::vector<std::shared_ptr<LoopConnections>> loops;
