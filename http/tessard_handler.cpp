@@ -3,7 +3,6 @@
 #include <mutex>
 
 #include "platform/base/exceptions.h"
-#include "report/report_write_job.h"
 
 namespace Tessard {
 

@@ -88,9 +88,8 @@ bool ReportRoller::CreateTempFile(Ref<Pelinor::System::OutputStream>& stream, Re
 
 void ReportRoller::Rotate(const Ref<File>& file) {
     std::string_view name = file->GetName().substr(1);
-    std::string target;
-    target.reserve(baseDirectory.size() + name.size());
-    target.append(baseDirectory).append(name);
+    std::string target = baseDirectory;
+    target += name;
     // Renamed first and asked about only on failure: the rename itself finds out whether the
     // file is there, so the common case costs no extra look-up.
     Ref<File> renamed = file->Rename(target);
