@@ -96,7 +96,7 @@ daemon_can_write() {
     elif ((uid == 0)); then
         [[ ,$(findmnt -n -o OPTIONS --target "$1" 2>/dev/null), != *,ro,* ]]
     else
-        [[ $(stat -c %u "$1") == "$uid" && $(stat -c %A "$1") == d?wx* ]]
+        [[ $(stat -c '%u %A' "$1") == "$uid "d?wx* ]]
     fi
 }
 if [[ -d $report_dir ]] && daemon_can_write "$report_dir"; then
