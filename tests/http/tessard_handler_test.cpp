@@ -3,7 +3,6 @@
 #include "http/tessard_handler.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <set>

@@ -21,6 +21,7 @@
 #include "platform/base/app.h"
 #include "platform/kernel/ktab.h"
 #include "platform/kernel/process.h"
+#include "tests/support/fakes.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
@@ -38,10 +39,7 @@ using namespace std::chrono_literals;
 using namespace TessardTest;
 
 // Timers on a clock that moves only when the test runs it; in use while it lives.
-struct ManualScheduler : System::Scheduler {
-    ManualScheduler() : previous(std::exchange(sInstance, this)) {}
-    ~ManualScheduler() override { sInstance = previous; }
-
+struct ManualScheduler : Installed<System::Scheduler> {
     void Schedule(const System::ScheduledCallback& callback, int64_t delayUs,
                   Pelinor::Ref<System::ScheduledItem>& item) override {
         auto timer = Pelinor::MakeRef<Timer>(callback);
@@ -68,17 +66,13 @@ struct ManualScheduler : System::Scheduler {
         bool cancelled = false;
     };
 
-    Scheduler* previous;
     int64_t nowUs = 0;
     std::multimap<int64_t, Pelinor::Ref<Timer>> queue;
 };
 
 // The cgroup interface on whatever tree $TESSARD_CGROUP_ROOT names, with the faults a test
 // switches on. (A list never destroyed is a leak that the sanitizer run of these tests reports.)
-struct FakeKtab : Ktab::Interface {
-    FakeKtab() : previous(std::exchange(sInstance, this)) {}
-    ~FakeKtab() override { sInstance = previous; }
-
+struct FakeKtab : Installed<Ktab::Interface> {
     struct Faults {
         bool signatureMismatch = false;
         bool outOfMemory = false;  // ParamListCreate returns nullptr
@@ -117,14 +111,10 @@ struct FakeKtab : Ktab::Interface {
     }
 
     Ktab::Interface& real = Real();
-    Ktab::Interface* previous;
 };
 
 // Runs that end when the test says so, or when stopped.
-struct FakeProcessLauncher : System::ProcessLauncher {
-    FakeProcessLauncher() : previous(std::exchange(sInstance, this)) {}
-    ~FakeProcessLauncher() override { sInstance = previous; }
-
+struct FakeProcessLauncher : Installed<System::ProcessLauncher> {
     struct Faults {
         int launch = 0;           // returned by Launch
         bool exitAtOnce = false;  // launched processes are gone before the probe
@@ -174,7 +164,6 @@ struct FakeProcessLauncher : System::ProcessLauncher {
         auto at = static_cast<size_t>(pid - 1000);
         return at < launches.size() && launches[at].alive ? &launches[at] : nullptr;
     }
-    System::ProcessLauncher* previous;
 };
 
 // A plugin installation in a temporary root, with its configuration file loaded.
