@@ -81,10 +81,7 @@ struct HttpServiceTest : ::testing::Test {
 };
 
 TEST_F(HttpServiceTest, EveryRequestIsAnsweredAndNoClientHoldsAReader) {
-    HttpLimits limits;
-    limits.headerTimeout = limits.bodyTimeout = 300ms;
-    limits.idleTimeout = 400ms;
-    Start(limits);
+    Start({.headerTimeout = 300ms, .bodyTimeout = 300ms, .idleTimeout = 400ms});
     // Released with or without a code, in one pipelined write: both answered in order,
     // and the connection stays open until it idles out.
     RawHttpConnection released(port);
@@ -113,10 +110,7 @@ TEST_F(HttpServiceTest, EveryRequestIsAnsweredAndNoClientHoldsAReader) {
 }
 
 TEST_F(HttpServiceTest, ExtraConnectionsWaitAndStopFinishesRequestsInFlight) {
-    HttpLimits limits;
-    limits.maxConnections = 2;
-    limits.stopGrace = 1s;
-    Start(limits);
+    Start({.maxConnections = 2, .stopGrace = 1s});
     RawHttpConnection idle(port), stalled(port);
     idle.Send(PostRequest("/answer"));
     ASSERT_EQ(Next(idle), "200 ");
