@@ -97,8 +97,8 @@ TEST(Serving, NoClientHoldsUpAnotherAndSignalsStopIt) {
                   std::make_tuple(405, "POST", "no-store"))
             << method;
     }
-    // No declared length, with or without a chunked body, is refused before any body is read;
-    // with Expect only the head is sent, so the reply shows whether the body was asked for.
+    // No declared length (a chunked body) is refused before any body is read; with Expect
+    // only the head is sent, so the reply shows whether the body was asked for.
     const std::string type = "POST /r/n HTTP/1.1\r\nHost: l\r\nContent-Type: application/json\r\n";
     const std::string expect =
         "POST /r/expect" + type.substr(9) + "Expect: 100-continue\r\nContent-Length: ";
