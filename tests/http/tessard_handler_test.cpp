@@ -142,7 +142,6 @@ TEST_F(ReportsTest, RestartContinuesFromTheHighestRegularReportFile) {
         std::vector<std::string> files;
         std::string name, nextFile;
     } cases[] = {
-        {{}, "n", "n-0.json"},
         {{"n-0.json", "n-1.json"}, "n", "n-2.json"},
         // After four reports slot 0 is the newest, yet the highest number wins.
         {{"n-0.json", "n-1.json", "n-2.json"}, "n", "n-0.json"},
