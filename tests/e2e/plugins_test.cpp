@@ -125,9 +125,6 @@ TEST(PluginsE2E, RunInsideThePoolReportBackAndAreStoppedWhole) {
     EXPECT_TRUE(daemon.WaitForLog("Plugin reporter was stopped at its next batch (ran ", 10s));
     EXPECT_EQ(ReadFile(daemon.ReportDir() + "/reporter.json"), R"({"from":"reporter"})");
     EXPECT_EQ(daemon.Logs().find("peak memory 0 KB"), std::string::npos) << "every run is charged";
-    EXPECT_EQ(Lines(bin + "probe.out/argv"),
-              (std::vector<std::string>{bin + "probe", "++group=tessard-plugins,mem=40", "-u",
-                                        "http://localhost:" + std::to_string(daemon.Port())}));
     EXPECT_TRUE(Lines(bin + "probe.out/env").empty()) << "the environment is empty";
     EXPECT_EQ(Lines(bin + "probe.out/fds"), (std::vector<std::string>{"0", "1", "2"}));
     EXPECT_EQ(Lines(bin + "probe.out/limit"), std::vector<std::string>{"41943040"});

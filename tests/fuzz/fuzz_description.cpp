@@ -16,12 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string path = environment.root / "description.json";
     TessardTest::WriteFile(path, std::string(reinterpret_cast<const char*>(data), size));
     Tessard::PluginConfiguration configuration;
-    if (launcher->ReadPluginConfiguration(path, configuration)) {
-        // What is accepted makes a plugin with a command line below the binaries' folder.
-        if (configuration.completePath.find(Tessard::kPluginBinDir) == std::string::npos)
-            __builtin_trap();
-        Tessard::Plugin plugin(configuration);
-        if (plugin.GetArguments()[0] == nullptr) __builtin_trap();
-    }
+    // What is accepted makes a plugin.
+    if (launcher->ReadPluginConfiguration(path, configuration)) Tessard::Plugin{configuration};
     return 0;
 }

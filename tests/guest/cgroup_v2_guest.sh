@@ -43,10 +43,8 @@ plugin() {  # name frequency body
 }
 echo '{"path": "hog", "frequency": "slow"}' >"$config/hog.json"
 plugin probe fast 'cat /proc/self/cgroup'
-plugin forker fast 'g=/sys/fs/cgroup$(cut -d: -f3 /proc/self/cgroup)
-echo "pids.max $(cat $g/pids.max)"
 # The shell gives up at the first fork the cap refuses, leaving its children behind.
-i=0; while [ $i -lt 80 ]; do sleep 100 & i=$((i+1)); done'
+plugin forker fast 'i=0; while [ $i -lt 80 ]; do sleep 100 & i=$((i+1)); done'
 plugin stubborn fast "trap '' TERM; echo trapped; while :; do sleep 1; done"
 cat >"$root/etc/tolmar/cpservices/tessard/config.xml" <<'EOF'
 <config><httpPort>9996</httpPort><log><level>trivia</level></log>
@@ -74,8 +72,7 @@ sleep 25
 check "Plugin pool kept in the delegated group /sys/fs/cgroup/tessard.service" "pool not in the delegated group"
 grep -q '^0::/tessard.service/daemon$' /proc/$daemon/cgroup || fail="$fail; daemon not in its leaf"
 check "probe: 0::/tessard.service/host/zol/kelpod/tessard-plugins/run-" "probe not in its group"
-check "forker: pids.max 50" "pids.max not set"
-check "forker: stopping 49 processes it left behind" "pids.max not enforced"
+check "forker: stopping 49 processes it left behind" "pids.max not set to 50"
 check "Plugin stubborn was stopped at its next batch: killed after ignoring SIGTERM" "no SIGKILL after the grace"
 check "Plugin hog was killed by the kernel: out of memory (limit 40 MB)" "no OOM line"
 kill -TERM $daemon

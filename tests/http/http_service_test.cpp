@@ -18,6 +18,7 @@ namespace {
 using namespace std::chrono_literals;
 using namespace Pelinor;
 using namespace Pelinor::Http;
+using TessardTest::PostRequest;
 using TessardTest::RawHttpConnection;
 using Exchange = std::pair<Ref<Request>, Ref<Response>>;
 
@@ -56,13 +57,6 @@ struct TestHandler final : RequestHandlerMixin {
     Ref<System::WorkQueue> queue;
 };
 
-// A POST of `body`, declaring `length` bytes (by default the body's).
-std::string Post(const std::string& target, const std::string& body = "",
-                 size_t length = std::string::npos) {
-    return "POST " + target + " HTTP/1.1\r\nHost: t\r\nContent-Length: " +
-           std::to_string(length == std::string::npos ? body.size() : length) + "\r\n\r\n" + body;
-}
-
 // Status and Connection header of the next reply: "200 close", "500 ", or "none".
 std::string Next(RawHttpConnection& connection) {
     auto reply = connection.ReadReply();
@@ -87,23 +81,20 @@ struct HttpServiceTest : ::testing::Test {
 };
 
 TEST_F(HttpServiceTest, EveryRequestIsAnsweredAndNoClientHoldsAReader) {
-    HttpLimits limits;
-    limits.headerTimeout = limits.bodyTimeout = 300ms;
-    limits.idleTimeout = 400ms;
-    Start(limits);
+    Start({.headerTimeout = 300ms, .bodyTimeout = 300ms, .idleTimeout = 400ms});
     // Released with or without a code, in one pipelined write: both answered in order,
     // and the connection stays open until it idles out.
     RawHttpConnection released(port);
-    released.Send(Post("/keep") + Post("/drop"));
+    released.Send(PostRequest("/keep") + PostRequest("/drop"));
     EXPECT_EQ(Next(released), "206 ");
     EXPECT_EQ(Next(released), "500 ");
     EXPECT_TRUE(released.WaitClosed(5s));
 
     // Unread body bytes would be parsed as the next request.
     RawHttpConnection unread(port), failing(port);
-    unread.Send(Post("/answer", "unread"));
+    unread.Send(PostRequest("/answer", "unread"));
     EXPECT_EQ(Next(unread), "200 close");
-    failing.Send(Post("/throw"));
+    failing.Send(PostRequest("/throw"));
     EXPECT_EQ(Next(failing), "500 close");
     EXPECT_TRUE(logs.Has(Service::LogLevel::Error, "Handling POST /throw failed: boom"));
 
@@ -112,24 +103,21 @@ TEST_F(HttpServiceTest, EveryRequestIsAnsweredAndNoClientHoldsAReader) {
 
     service->SetRequestHandler(handler);
     RawHttpConnection stalled(port);
-    stalled.Send(Post("/read", "only a little", 1000));
+    stalled.Send(PostRequest("/read", "only a little", 1000));
     EXPECT_TRUE(stalled.WaitClosed(5s));
     service->Stop();  // lets the reader go should the time-out not have
     EXPECT_EQ(handler->readFailure.get_future().get(), "Timed out waiting for the request body");
 }
 
 TEST_F(HttpServiceTest, ExtraConnectionsWaitAndStopFinishesRequestsInFlight) {
-    HttpLimits limits;
-    limits.maxConnections = 2;
-    limits.stopGrace = 1s;
-    Start(limits);
+    Start({.maxConnections = 2, .stopGrace = 1s});
     RawHttpConnection idle(port), stalled(port);
-    idle.Send(Post("/answer"));
+    idle.Send(PostRequest("/answer"));
     ASSERT_EQ(Next(idle), "200 ");
-    stalled.Send(Post("/read", "part", 100));
+    stalled.Send(PostRequest("/read", "part", 100));
 
     RawHttpConnection inFlight(port);  // completes in the kernel's backlog
-    inFlight.Send(Post("/hold"));
+    inFlight.Send(PostRequest("/hold"));
     auto held = handler->held.get_future();
     EXPECT_EQ(held.wait_for(500ms), std::future_status::timeout);
     idle.Close();

@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <functional>
-#include <set>
 #include <thread>
 #include <vector>
 

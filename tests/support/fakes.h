@@ -24,12 +24,16 @@ using Pelinor::Ref;
 using Pelinor::System::File;
 using Pelinor::System::OutputStream;
 
-// Real files, with faults switched on by the test. Installs itself as the factory for its
-// lifetime.
-struct FaultyFactory : Pelinor::System::SystemFactory {
-    FaultyFactory() : previous(std::exchange(sInstance, this)) {}
-    ~FaultyFactory() override { sInstance = previous; }
+// Installs itself as the instance of Base (a platform seam) for its lifetime.
+template <typename Base>
+struct Installed : Base {
+    Installed() : previous(std::exchange(Base::sInstance, this)) {}
+    ~Installed() override { Base::sInstance = previous; }
+    Base* previous;
+};
 
+// Real files, with faults switched on by the test.
+struct FaultyFactory : Installed<Pelinor::System::SystemFactory> {
     std::atomic<bool> failRename{false};  // Rename gives no file
     std::atomic<bool> vanish{false};      // the file is gone when Rename comes
     std::atomic<bool> failList{false};    // ListFiles throws IOException
@@ -77,7 +81,6 @@ struct FaultyFactory : Pelinor::System::SystemFactory {
         Ref<File> real;
         FaultyFactory& factory;
     };
-    Pelinor::System::SystemFactory* previous;
 };
 
 // What the client receives: the first code sent or, once released unsent, the code it holds

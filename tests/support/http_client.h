@@ -74,11 +74,12 @@ class RawHttpConnection {
     boost::system::error_code result;
 };
 
-// A POST of a JSON body.
-inline std::string PostRequest(const std::string& target, const std::string& body) {
+// A POST of a JSON body, declaring `length` bytes (by default the body's).
+inline std::string PostRequest(const std::string& target, const std::string& body = "",
+                               size_t length = std::string::npos) {
     return "POST " + target +
            " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\nContent-Length: " +
-           std::to_string(body.size()) + "\r\n\r\n" + body;
+           std::to_string(length == std::string::npos ? body.size() : length) + "\r\n\r\n" + body;
 }
 // Sends raw bytes on a fresh connection and reads one reply; status 0 when none arrives within
 // 5 s, which no stalled client of the daemon should cause.

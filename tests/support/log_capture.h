@@ -34,13 +34,13 @@ struct LogCapture : Pelinor::Service::LogSink {
         return std::ranges::any_of(lines, [&](auto& line) { return line.second == message; });
     }
     bool Has(LogLevel level, const std::string& message) const {
-        std::lock_guard lock(mutex);
-        return std::ranges::count(lines, std::pair(level, message)) > 0;
+        return WaitFor(level, message, std::chrono::seconds(0));
     }
     // For lines a loop thread writes after the client already has its answer.
-    bool WaitFor(LogLevel level, const std::string& message) const {
+    bool WaitFor(LogLevel level, const std::string& message,
+                 std::chrono::seconds timeout = std::chrono::seconds(5)) const {
         std::unique_lock lock(mutex);
-        return added.wait_for(lock, std::chrono::seconds(5), [&] {
+        return added.wait_for(lock, timeout, [&] {
             return std::ranges::count(lines, std::pair(level, message)) > 0;
         });
     }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -32,9 +33,7 @@ class TestCgroup {
         pidsRoot = "/sys/fs/cgroup/pids" + name;
         ::mkdir(pidsRoot.c_str(), 0755);  // where v1 has a pids hierarchy beside memory
         if (poolScript.empty()) return;
-        std::string command = "TESSARD_POOL_STATE_DIR=" + state.Path() + " bash " + poolScript +
-                              " create --root " + root + " --cap-mb 256 >/dev/null";
-        EXPECT_EQ(std::system(command.c_str()), 0) << command;
+        EXPECT_EQ(Pool(poolScript, "create --root " + root + " --cap-mb 256 >/dev/null"), 0);
     }
     // Removes the groups with every process still in them.
     ~TestCgroup() {
@@ -46,6 +45,13 @@ class TestCgroup {
 
     const std::string& Root() const { return root; }  // for TESSARD_CGROUP_ROOT
     const std::string& SkipReason() const { return skipReason; }
+    // The pool script's exit code; what it prints goes to the test's log.
+    int Pool(const std::string& script, const std::string& arguments) {
+        int status = std::system(
+            ("TESSARD_POOL_STATE_DIR=" + state.Path() + " bash " + script + " " + arguments)
+                .c_str());
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
 
   private:
     // Deepest first, killing what still runs in it (plugins that outlived the daemon: only the

@@ -1,6 +1,6 @@
 // A stand-in plugin for end-to-end tests. What it does depends on the name it was
 // started under; it writes its findings next to itself, in <argv[0]>.out/.
-//   probe*   records its argument vector, environment, open descriptors, cgroups, the memory
+//   probe*   records its environment, open descriptors, cgroups, the memory
 //            cap of its group (cgroup v1) and its status (credentials, blocked and ignored
 //            signals)
 //   hog*     touches twice the memory its group argument allows
@@ -24,8 +24,6 @@ int main(int argc, char** argv) {
         for (int fd = 0; fd < sysconf(_SC_OPEN_MAX); ++fd)
             if (fcntl(fd, F_GETFD) != -1) fds += std::to_string(fd) + '\n';
         std::ofstream(out + "fds") << fds;
-        std::ofstream args(out + "argv");
-        for (int i = 0; i < argc; ++i) args << argv[i] << '\n';
         std::ofstream(out + "env") << std::ifstream("/proc/self/environ").rdbuf();
         std::ofstream(out + "cgroup") << std::ifstream("/proc/self/cgroup").rdbuf();
         std::ofstream(out + "status") << std::ifstream("/proc/self/status").rdbuf();
